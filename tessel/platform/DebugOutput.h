@@ -1,0 +1,27 @@
+// The debugger output channel.
+//
+// Text written with OutputDebugStringA goes to one process-wide sink. The default sink
+// sends it to syslog at debug level; a host or a test may install its own, for instance to
+// capture the text. The sink is called on the writer's thread and must be safe to call from
+// any thread; installing a sink is atomic with respect to writers.
+#pragma once
+
+#include "tessel/Export.h"
+
+namespace Tessel::Platform {
+
+using DebugOutputSink = void (*)(const char* text);
+
+// Passes text (NUL-terminated, may be null: then nothing happens) to the current sink.
+TESSEL_API void OutputDebugStringA(const char* text);
+
+// Installs sink, or the default syslog sink when sink is null, and returns the one before.
+TESSEL_API DebugOutputSink SetDebugOutputSink(DebugOutputSink sink);
+
+// The default sink: syslog(LOG_DEBUG).
+TESSEL_API void SyslogDebugOutputSink(const char* text);
+
+// True when a tracer (a debugger) is attached: TracerPid of /proc/self/status is not 0.
+TESSEL_API bool IsDebuggerPresent();
+
+}  // namespace Tessel::Platform

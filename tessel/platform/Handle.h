@@ -1,0 +1,29 @@
+// Kernel object handles and the waits on them.
+//
+// A HANDLE names one kernel object of the platform layer: an event (Event.h), a mutex
+// (Mutex.h), and later timers, threads and processes. Waits return the platform's results:
+// WAIT_OBJECT_0 + i when object i was signalled (and, for an automatic-reset event or a
+// mutex, acquired), WAIT_ABANDONED_0 + i when mutex i was acquired from an owner that died,
+// WAIT_TIMEOUT when the time ran out, WAIT_FAILED with the last error set on a bad argument.
+// A time-out of 0 only tests, INFINITE waits for ever. All functions are thread-safe.
+#pragma once
+
+#include "tessel/Export.h"
+#include "tessel/platform/Types.h"
+
+namespace Tessel::Platform {
+
+// Closes handle and frees the object when this was its last handle. FALSE with
+// ERROR_INVALID_HANDLE for a null or unknown handle.
+TESSEL_API BOOL CloseHandle(HANDLE handle);
+
+// Waits up to timeoutMs for handle to be signalled.
+TESSEL_API DWORD WaitForSingleObject(HANDLE handle, DWORD timeoutMs);
+
+// Waits up to timeoutMs for one of count handles (waitAll FALSE: the lowest index that is
+// signalled wins, and only that object is acquired) or for all of them at once (waitAll TRUE:
+// they are acquired together, never some of them). count is 1 to MAXIMUM_WAIT_OBJECTS.
+TESSEL_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll,
+                                        DWORD timeoutMs);
+
+}  // namespace Tessel::Platform

@@ -1,0 +1,76 @@
+#include "tessel/platform/Process.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "tessel/platform/LastError.h"
+
+namespace Tessel::Platform {
+
+DWORD GetCurrentThreadId() {
+    thread_local const DWORD t_id = static_cast<DWORD>(::gettid());
+    return t_id;
+}
+
+DWORD GetCurrentProcessId() {
+    return static_cast<DWORD>(::getpid());
+}
+
+std::string GetExecutablePath() {
+    char buffer[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0) {
+        return std::string();
+    }
+    return std::string(buffer, static_cast<std::size_t>(n));
+}
+
+std::string GetApplicationDirectory() {
+    const char* dir = std::getenv("TESSEL_APP_DIR");
+    if (dir != nullptr && *dir != '\0') {
+        std::string result(dir);
+        while (result.size() > 1 && result.back() == '/') {
+            result.pop_back();
+        }
+        return result;
+    }
+    const std::string exe = GetExecutablePath();
+    const std::size_t slash = exe.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? std::string("/") : exe.substr(0, slash);
+}
+
+std::string GetModulePath() {
+    const std::string exe = GetExecutablePath();
+    const std::size_t slash = exe.rfind('/');
+    const std::string name = slash == std::string::npos ? exe : exe.substr(slash + 1);
+    std::string dir = GetApplicationDirectory();
+    if (dir.back() != '/') {
+        dir += '/';
+    }
+    return dir + name;
+}
+
+DWORD GetModuleFileNameA(char* buffer, DWORD size) {
+    if (buffer == nullptr || size == 0) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    const std::string path = GetModulePath();
+    if (path.size() >= size) {
+        std::memcpy(buffer, path.data(), size - 1);
+        buffer[size - 1] = '\0';
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return size;
+    }
+    std::memcpy(buffer, path.c_str(), path.size() + 1);
+    return static_cast<DWORD>(path.size());
+}
+
+}  // namespace Tessel::Platform

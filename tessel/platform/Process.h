@@ -1,0 +1,37 @@
+// Identity of the calling process and thread, and where the executable lives.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "tessel/Export.h"
+#include "tessel/platform/Types.h"
+
+namespace Tessel::Platform {
+
+// The kernel's id of the calling thread (gettid), cached per thread. It is the number that
+// log lines print as the thread id.
+TESSEL_API DWORD GetCurrentThreadId();
+
+// The id of the calling process.
+TESSEL_API DWORD GetCurrentProcessId();
+
+// The absolute path of the running executable, read from /proc/self/exe.
+TESSEL_API std::string GetExecutablePath();
+
+// The folder in which files kept beside the executable are looked for: the value of the
+// environment variable TESSEL_APP_DIR where it is set and not empty, else the folder of the
+// executable. No trailing '/'.
+TESSEL_API std::string GetApplicationDirectory();
+
+// The path that stands for the executable in path computations: the application directory,
+// '/', and the executable's file name. Files "beside the executable" are thereby found in
+// TESSEL_APP_DIR where that is set.
+TESSEL_API std::string GetModulePath();
+
+// GetModulePath() copied into buffer of size characters, NUL-terminated. Returns the length
+// copied without the NUL; a path that does not fit is cut to size - 1 characters, and the
+// result is then size with last error ERROR_INSUFFICIENT_BUFFER, as the platform does.
+TESSEL_API DWORD GetModuleFileNameA(char* buffer, DWORD size);
+
+}  // namespace Tessel::Platform
