@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <bit>
-#include <cctype>
 #include <cmath>
 #include <cstring>
 #include <iomanip>
@@ -23,8 +22,20 @@ double doubleOf(std::uint64_t bits) {
     return std::bit_cast<double>(bits);
 }
 
-int upper(char c) {
-    return std::toupper(static_cast<unsigned char>(c));
+// toupper of the "C" locale as a table: the filter match runs once per element per request
+// and must not pay a library call per character.
+struct UpperTable {
+    unsigned char map[256];
+    constexpr UpperTable() : map() {
+        for (int c = 0; c < 256; ++c) {
+            map[c] = static_cast<unsigned char>(c >= 'a' && c <= 'z' ? c - 'a' + 'A' : c);
+        }
+    }
+};
+constexpr UpperTable kUpper;
+
+inline int upper(char c) {
+    return kUpper.map[static_cast<unsigned char>(c)];
 }
 
 // The value truncated towards zero. NaN and values outside the 64-bit range give the
@@ -228,13 +239,20 @@ bool CMonitorElement::match(const std::string& filter) const {
     const CMonitorElementIdentifier& id = m_identifier;
 
     State state = State::Literal;
-    unsigned e = 0;     // path element
-    std::size_t p = 0;  // position in it
-    std::size_t i = 0;  // pattern index
-    int s = 0;          // stop character
-    std::size_t r = 0;  // pattern index to resume a failed run at
-    while (i < length && e < id.m_ucElementCount) {
-        const int c = upper(id.m_szText[id.m_aElementOffsets[e] + p]);
+    const unsigned count = id.m_ucElementCount;
+    unsigned e = 0;                     // path element
+    const char* element = id.m_szText;  // its text
+    std::size_t p = 0;                  // position in it
+    std::size_t i = 0;                  // pattern index
+    int s = 0;                          // stop character
+    std::size_t r = 0;                  // pattern index to resume a failed run at
+    const auto nextElement = [&] {
+        ++e;
+        p = 0;
+        element = id.m_szText + (e < count ? id.m_aElementOffsets[e] : 0);
+    };
+    while (i < length && e < count) {
+        const int c = upper(element[p]);
         switch (state) {
             case State::Literal:
                 if (pattern[i] == WILDCARD) {
@@ -262,8 +280,7 @@ bool CMonitorElement::match(const std::string& filter) const {
                     if (c != 0) {
                         return false;
                     }
-                    ++e;
-                    p = 0;
+                    nextElement();
                     ++i;
                 } else {
                     if (upper(pattern[i]) != c) {
@@ -287,8 +304,7 @@ bool CMonitorElement::match(const std::string& filter) const {
                     r = i;
                     state = State::TwoStarRun;
                 } else if (c == 0) {
-                    ++e;
-                    p = 0;
+                    nextElement();
                 } else {
                     ++p;
                 }
@@ -306,7 +322,7 @@ bool CMonitorElement::match(const std::string& filter) const {
                 break;
         }
     }
-    return e + 1 == id.m_ucElementCount && id.m_szText[id.m_aElementOffsets[e] + p] == '\0';
+    return e + 1 == count && element[p] == '\0';
 }
 
 bool CMonitorElement::update(CMonitorElementObserver& observer) {

@@ -1,3 +1,156 @@
-int main() {
+// tessel-host: the sample host process.
+//
+// Publishes a simulated station feed as monitor elements, updates it from two threads and
+// prints the element table once a second, until SIGINT or SIGTERM (or the time given with
+// --duration) ends it; then the threads stop and the process exits cleanly.
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "tessel/logging/ILogging.h"
+#include "tessel/logging/TraceUtil.h"
+#include "tessel/monitoring/MonitorElementContainer.h"
+#include "tessel/monitoring/MonitorElementDatabase.h"
+#include "tessel/monitoring/MonitorElementObserver.h"
+
+namespace {
+
+// Renders every element that passes the filter as "path  value unit" lines.
+class TablePrinter : public CMonitorElementObserver {
+  public:
+    explicit TablePrinter(std::ostream& out) : m_out(out) {}
+
+    void beginUpdate() override { m_out << "--\n"; }
+    void updateElement(CMonitorElement& element) override {
+        m_out << std::left << std::setw(48);
+        element.printIdentifier(m_out);
+        m_out << std::right;
+        element.printCounter(m_out);
+        m_out << '\n';
+    }
+    void endUpdate() override { m_out.flush(); }
+
+  private:
+    std::ostream& m_out;
+};
+
+// The elements of one simulated reference station.
+struct StationFeed {
+    explicit StationFeed(const std::string& station)
+        : container("Station/" + station),
+          epochs(container.add("EpochsReceived", "")),
+          expected(container.add("EpochsExpected", "")),
+          bytes(container.add("BytesReceived", "B")),
+          latency(container.add("Latency", "ms")),
+          completeness(container.add("Completeness", "%")) {}
+
+    CMonitorElementContainer container;
+    CMonitorElement* epochs;
+    CMonitorElement* expected;
+    CMonitorElement* bytes;
+    CMonitorElement* latency;
+    CMonitorElement* completeness;
+};
+
+std::atomic<bool> g_running{true};
+
+// Receives an epoch every 100 ms, of which about one in fifty is lost.
+void receive(StationFeed& feed) {
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> size(200, 400);
+    std::uniform_int_distribution<int> loss(0, 49);
+    while (g_running.load()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        feed.expected->increment(1);
+        if (loss(random) != 0) {
+            ++*feed.epochs;
+            feed.bytes->increment(static_cast<std::uint64_t>(size(random)));
+        }
+    }
+}
+
+// Measures latency and completeness every 250 ms.
+void assess(StationFeed& feed) {
+    std::mt19937 random(2);
+    std::normal_distribution<double> latency(45.0, 8.0);
+    while (g_running.load()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        feed.latency->set(std::max(0.0, latency(random)));
+        feed.completeness->setRatio(feed.epochs->get(), feed.expected->get());
+    }
+}
+
+int usage() {
+    std::cerr << "usage: tessel-host [--duration SECONDS]\n"
+                 "Publishes a simulated station feed and prints the element table once a\n"
+                 "second until SIGINT or SIGTERM, or for SECONDS seconds.\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    long duration = -1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--duration") == 0 && i + 1 < argc) {
+            char* end = nullptr;
+            duration = std::strtol(argv[++i], &end, 10);
+            if (*end != '\0' || duration < 0) {
+                return usage();
+            }
+        } else {
+            return usage();
+        }
+    }
+
+    // The signals are taken by this thread alone, with sigtimedwait.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    char name[256];
+    CTraceUtil::GetExeName(name, sizeof name);
+    MonitorElementDatabase::init(name);
+    ILogging::getInstance().log("tessel-host", ILogging::Info, "Started.");
+
+    {
+        StationFeed feed("STA1");
+        std::thread receiver(receive, std::ref(feed));
+        std::thread assessor(assess, std::ref(feed));
+
+        TablePrinter printer(std::cout);
+        printer.setFilter("**");
+        const auto started = std::chrono::steady_clock::now();
+        const timespec second{1, 0};
+        while (true) {
+            const int signal = sigtimedwait(&stopSignals, nullptr, &second);
+            if (signal == SIGINT || signal == SIGTERM) {
+                ILogging::getInstance().log("tessel-host", ILogging::Info,
+                                            signal == SIGINT ? "SIGINT received, stopping."
+                                                             : "SIGTERM received, stopping.");
+                break;
+            }
+            MonitorElementDatabase::getInstance().update(printer);
+            if (duration >= 0 &&
+                std::chrono::steady_clock::now() - started >= std::chrono::seconds(duration)) {
+                break;
+            }
+        }
+        g_running = false;
+        receiver.join();
+        assessor.join();
+    }
+    ILogging::getInstance().log("tessel-host", ILogging::Info, "Stopped.");
     return 0;
 }
