@@ -33,10 +33,10 @@ class CMonitorElementObserver;
 
 class TESSEL_API CMonitorElement {
   public:
-    static const char DELIMITER = '/';
-    static const char WILDCARD = '*';
-    static const std::uint64_t MAX_NAME_LENGTH = 200;
-    static const std::uint64_t MAX_PATH_ELEMENTS = 20;
+    static constexpr char DELIMITER = '/';
+    static constexpr char WILDCARD = '*';
+    static constexpr std::uint64_t MAX_NAME_LENGTH = 200;
+    static constexpr std::uint64_t MAX_PATH_ELEMENTS = 20;
 
     // A path in parsed form: the text with every delimiter replaced by NUL, so that each
     // path element is a NUL-terminated string in place, and the offset of each element.
@@ -134,7 +134,7 @@ class TESSEL_API CMonitorElement {
     void printCounterForPRTG(std::ostream& stream) const;
 
   private:
-    static const std::uint64_t MAX_UNIT_SIZE = 10;
+    static constexpr std::uint64_t MAX_UNIT_SIZE = 10;
 
     static bool Less(const CMonitorElementIdentifier& a, const CMonitorElementIdentifier& b);
     static void Parse(const std::string& name, CMonitorElementIdentifier& identifier);

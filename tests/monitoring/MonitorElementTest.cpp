@@ -42,7 +42,7 @@ struct NumberCase {
 };
 
 std::ostream& operator<<(std::ostream& os, const NumberCase& c) {
-    return os << c.number;
+    return os << c.value;
 }
 
 class NumberFormatting : public testing::TestWithParam<NumberCase> {};
