@@ -1,5 +1,6 @@
 #include "tessel/platform/Process.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,9 +12,19 @@
 
 namespace Tessel::Platform {
 
+namespace {
+// The calling thread's id, 0 until first asked for. A forked child's only thread has an id of
+// its own, so the child forgets the id that it inherited.
+thread_local DWORD t_threadId = 0;
+
+const int g_forgetThreadIdInChild = ::pthread_atfork(nullptr, nullptr, [] { t_threadId = 0; });
+}  // namespace
+
 DWORD GetCurrentThreadId() {
-    thread_local const DWORD t_id = static_cast<DWORD>(::gettid());
-    return t_id;
+    if (t_threadId == 0) {
+        t_threadId = static_cast<DWORD>(::gettid());
+    }
+    return t_threadId;
 }
 
 DWORD GetCurrentProcessId() {

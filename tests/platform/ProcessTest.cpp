@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -21,6 +22,26 @@ TEST(Process, ThreadIdsAreKernelIdsAndDifferPerThread) {
     std::thread([&other] { other = GetCurrentThreadId(); }).join();
     EXPECT_NE(other, mine);
     EXPECT_EQ(GetCurrentProcessId(), static_cast<DWORD>(::getpid()));
+}
+
+TEST(Process, ForkedChildHasItsOwnThreadId) {
+    const DWORD parent = GetCurrentThreadId();
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const DWORD ids[2] = {GetCurrentThreadId(), static_cast<DWORD>(::gettid())};
+        const ssize_t n = ::write(fds[1], ids, sizeof ids);
+        ::_exit(n == sizeof ids ? 0 : 1);
+    }
+    DWORD ids[2] = {};
+    ASSERT_EQ(::read(fds[0], ids, sizeof ids), static_cast<ssize_t>(sizeof ids));
+    ::close(fds[0]);
+    ::close(fds[1]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(ids[0], ids[1]);
+    EXPECT_NE(ids[0], parent);
 }
 
 TEST(Process, ApplicationDirectoryFollowsTesselAppDir) {
