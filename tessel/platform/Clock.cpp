@@ -22,4 +22,19 @@ std::int64_t GetSystemTimeTicks() {
            ts.tv_nsec / 100;
 }
 
+void GetLocalTime(SYSTEMTIME* local) {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm parts;
+    localtime_r(&ts.tv_sec, &parts);
+    local->wYear = static_cast<std::uint16_t>(parts.tm_year + 1900);
+    local->wMonth = static_cast<std::uint16_t>(parts.tm_mon + 1);
+    local->wDayOfWeek = static_cast<std::uint16_t>(parts.tm_wday);
+    local->wDay = static_cast<std::uint16_t>(parts.tm_mday);
+    local->wHour = static_cast<std::uint16_t>(parts.tm_hour);
+    local->wMinute = static_cast<std::uint16_t>(parts.tm_min);
+    local->wSecond = static_cast<std::uint16_t>(parts.tm_sec);
+    local->wMilliseconds = static_cast<std::uint16_t>(ts.tv_nsec / 1000000);
+}
+
 }  // namespace Tessel::Platform

@@ -1,4 +1,5 @@
-// The two clocks of the platform: the millisecond tick count and the system time.
+// The two clocks of the platform: the millisecond tick count and the system time, the
+// latter also as local calendar date and time of day.
 #pragma once
 
 #include <cstdint>
@@ -21,5 +22,21 @@ TESSEL_API std::int64_t GetSystemTimeTicks();
 
 // Ticks of 100 ns between 1601-01-01 and 1970-01-01, both UTC.
 inline constexpr std::int64_t kUnixEpochInSystemTicks = 116444736000000000LL;
+
+// A calendar date and time of day, as the platform hands it out.
+struct SYSTEMTIME {
+    std::uint16_t wYear;          // e.g. 2024
+    std::uint16_t wMonth;         // 1 (January) to 12
+    std::uint16_t wDayOfWeek;     // 0 (Sunday) to 6
+    std::uint16_t wDay;           // 1 to 31
+    std::uint16_t wHour;          // 0 to 23
+    std::uint16_t wMinute;        // 0 to 59
+    std::uint16_t wSecond;        // 0 to 59 (60 only where the C library reports a leap second)
+    std::uint16_t wMilliseconds;  // 0 to 999
+};
+
+// The current date and time in the process's time zone (TZ, else /etc/localtime), daylight
+// saving included, to the millisecond (truncated).
+TESSEL_API void GetLocalTime(SYSTEMTIME* local);
 
 }  // namespace Tessel::Platform

@@ -1,0 +1,23 @@
+// A registry folder of the test process's own.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace TesselTest {
+
+// Points TESSEL_REGISTRY_DIR at a fresh temporary folder, once per process, and returns it.
+// The folder is removed when the process exits normally. Must be called before the first
+// registry operation of the process; forked children share it.
+const std::string& UseScratchRegistry();
+
+// Runs child in a forked process, which then exits normally with child's result, and returns
+// that exit status (or 128 + signal).
+int RunInChild(int (*child)(void*), void* argument);
+
+// Runs the program argv[0] with the arguments argv[1...] as a new process (posix_spawn, so
+// that nothing of this process's threads is inherited) and returns its exit status, or 128 +
+// signal, or -1 if it could not be started.
+int RunProgram(const std::vector<std::string>& argv);
+
+}  // namespace TesselTest
