@@ -19,6 +19,11 @@ using LONG = std::int32_t;
 struct KernelObject;
 using HANDLE = KernelObject*;
 
+// A window names the receiver of messages: a thread's message queue, or a top-level window of
+// another process. Opaque; null is "no window".
+struct WindowObject;
+using HWND = WindowObject*;
+
 // Stands for the platform's security attributes; accepted and ignored on Linux, where access
 // to named objects follows the permissions of their files.
 struct SECURITY_ATTRIBUTES {
