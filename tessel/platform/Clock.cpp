@@ -22,11 +22,9 @@ std::int64_t GetSystemTimeTicks() {
            ts.tv_nsec / 100;
 }
 
-void GetLocalTime(SYSTEMTIME* local) {
-    timespec ts;
-    clock_gettime(CLOCK_REALTIME, &ts);
-    struct tm parts;
-    localtime_r(&ts.tv_sec, &parts);
+namespace {
+
+void fill(const timespec& ts, const struct tm& parts, SYSTEMTIME* local) {
     local->wYear = static_cast<std::uint16_t>(parts.tm_year + 1900);
     local->wMonth = static_cast<std::uint16_t>(parts.tm_mon + 1);
     local->wDayOfWeek = static_cast<std::uint16_t>(parts.tm_wday);
@@ -35,6 +33,24 @@ void GetLocalTime(SYSTEMTIME* local) {
     local->wMinute = static_cast<std::uint16_t>(parts.tm_min);
     local->wSecond = static_cast<std::uint16_t>(parts.tm_sec);
     local->wMilliseconds = static_cast<std::uint16_t>(ts.tv_nsec / 1000000);
+}
+
+}  // namespace
+
+void GetLocalTime(SYSTEMTIME* local) {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm parts;
+    localtime_r(&ts.tv_sec, &parts);
+    fill(ts, parts, local);
+}
+
+void GetSystemTime(SYSTEMTIME* utc) {
+    timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm parts;
+    gmtime_r(&ts.tv_sec, &parts);
+    fill(ts, parts, utc);
 }
 
 }  // namespace Tessel::Platform

@@ -39,4 +39,7 @@ struct SYSTEMTIME {
 // saving included, to the millisecond (truncated).
 TESSEL_API void GetLocalTime(SYSTEMTIME* local);
 
+// The current date and time in UTC, to the millisecond (truncated).
+TESSEL_API void GetSystemTime(SYSTEMTIME* utc);
+
 }  // namespace Tessel::Platform

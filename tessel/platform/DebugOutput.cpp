@@ -1,5 +1,6 @@
 #include "tessel/platform/DebugOutput.h"
 
+#include <signal.h>
 #include <syslog.h>
 
 #include <atomic>
@@ -43,6 +44,12 @@ bool IsDebuggerPresent() {
     }
     std::fclose(status);
     return traced;
+}
+
+void DebugBreak() {
+    if (IsDebuggerPresent()) {
+        ::raise(SIGTRAP);
+    }
 }
 
 }  // namespace Tessel::Platform

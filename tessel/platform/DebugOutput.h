@@ -24,4 +24,9 @@ TESSEL_API void SyslogDebugOutputSink(const char* text);
 // True when a tracer (a debugger) is attached: TracerPid of /proc/self/status is not 0.
 TESSEL_API bool IsDebuggerPresent();
 
+// Breaks into an attached debugger (SIGTRAP). Without a debugger nothing happens: a trap that
+// nobody catches would end the process, which is not what the callers of this library want
+// from a diagnostic break.
+TESSEL_API void DebugBreak();
+
 }  // namespace Tessel::Platform

@@ -1,6 +1,7 @@
 #include "tessel/platform/ErrorText.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <string_view>
@@ -84,20 +85,55 @@ constexpr bool ascending() {
 }
 static_assert(ascending(), "kTexts must be sorted by error number without duplicates");
 
+// The internet errors, in ascending order.
+constexpr ErrorText kInternetTexts[] = {
+    {12001, "No more handles could be generated at this time.\r\n"},
+    {12002, "The operation timed out\r\n"},
+    {12003,
+     "An extended error was returned from the server. This is typically a string or "
+     "buffer containing a verbose error message. Call InternetGetLastResponseInfo to "
+     "retrieve the error text.\r\n"},
+    {12004, "An internal error occurred.\r\n"},
+    {12005, "The URL is invalid.\r\n"},
+    {12006, "The URL scheme could not be recognized, or is not supported.\r\n"},
+    {12007, "The server name or address could not be resolved\r\n"},
+    {12009,
+     "A request to InternetQueryOption or InternetSetOption specified an invalid "
+     "option value.\r\n"},
+    {12013,
+     "The request to connect and log on to an FTP server could not be completed "
+     "because the supplied user name is incorrect.\r\n"},
+    {12014,
+     "The request to connect and log on to an FTP server could not be completed "
+     "because the supplied password is incorrect.\r\n"},
+    {12017,
+     "The operation was canceled, usually because the handle on which the request was "
+     "operating was closed before the operation completed.\r\n"},
+    {12029, "A connection with the server could not be established\r\n"},
+    {12030, "The connection with the server was terminated abnormally\r\n"},
+    {12031, "The connection with the server was reset\r\n"},
+    {12152, "The server returned an invalid or unrecognized response\r\n"},
+    {12156, "The proxy server denied access.\r\n"},
+};
+
 // Error numbers in HRESULT form: 0x8007xxxx.
 constexpr DWORD kWin32FacilityMask = 0xFFFF0000u;
 constexpr DWORD kWin32Facility = 0x80070000u;
 
-// The text of error, or null.
-const ErrorText* find(DWORD error) {
+// The text of error in table, or null.
+template <std::size_t N>
+const ErrorText* find(const ErrorText (&table)[N], DWORD error) {
     if ((error & kWin32FacilityMask) == kWin32Facility) {
         error &= 0x0000FFFFu;
     }
     const auto* found =
-        std::lower_bound(std::begin(kTexts), std::end(kTexts), error,
+        std::lower_bound(std::begin(table), std::end(table), error,
                          [](const ErrorText& entry, DWORD wanted) { return entry.error < wanted; });
-    return found != std::end(kTexts) && found->error == error ? found : nullptr;
+    return found != std::end(table) && found->error == error ? found : nullptr;
 }
+
+ModuleObject* const kInternetModule =
+    reinterpret_cast<ModuleObject*>(static_cast<std::uintptr_t>(0x1E7E7));
 
 // Empties buffer where it has room, stores error as the last error and returns 0.
 DWORD fail(char* buffer, DWORD size, DWORD error) {
@@ -110,15 +146,25 @@ DWORD fail(char* buffer, DWORD size, DWORD error) {
 
 }  // namespace
 
-DWORD FormatMessageA(DWORD flags, const void* /*source*/, DWORD messageId, DWORD /*languageId*/,
+HMODULE InternetMessageModule() {
+    return kInternetModule;
+}
+
+DWORD FormatMessageA(DWORD flags, const void* source, DWORD messageId, DWORD /*languageId*/,
                      char* buffer, DWORD size, std::va_list* /*arguments*/) {
-    constexpr DWORD unsupported =
-        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING | FORMAT_MESSAGE_FROM_HMODULE;
-    if ((flags & FORMAT_MESSAGE_FROM_SYSTEM) == 0 || (flags & unsupported) != 0 ||
-        buffer == nullptr) {
+    constexpr DWORD unsupported = FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_FROM_STRING;
+    const bool fromInternetModule =
+        (flags & FORMAT_MESSAGE_FROM_HMODULE) != 0 && source == kInternetModule;
+    if (((flags & FORMAT_MESSAGE_FROM_SYSTEM) == 0 && !fromInternetModule) ||
+        ((flags & FORMAT_MESSAGE_FROM_HMODULE) != 0 && !fromInternetModule) ||
+        (flags & unsupported) != 0 || buffer == nullptr) {
         return fail(buffer, size, ERROR_INVALID_PARAMETER);
     }
-    const ErrorText* entry = find(messageId);
+    const ErrorText* entry =
+        fromInternetModule ? find(kInternetTexts, messageId) : find(kTexts, messageId);
+    if (entry == nullptr && fromInternetModule && (flags & FORMAT_MESSAGE_FROM_SYSTEM) != 0) {
+        entry = find(kTexts, messageId);
+    }
     if (entry == nullptr) {
         return fail(buffer, size, ERROR_MR_MID_NOT_FOUND);
     }

@@ -11,6 +11,7 @@
 #include <cstdarg>
 
 #include "tessel/Export.h"
+#include "tessel/platform/Resources.h"
 #include "tessel/platform/Types.h"
 
 namespace Tessel::Platform {
@@ -24,6 +25,10 @@ inline constexpr DWORD FORMAT_MESSAGE_FROM_HMODULE = 0x00000800u;
 inline constexpr DWORD FORMAT_MESSAGE_FROM_SYSTEM = 0x00001000u;
 inline constexpr DWORD FORMAT_MESSAGE_ARGUMENT_ARRAY = 0x00002000u;
 inline constexpr DWORD FORMAT_MESSAGE_MAX_WIDTH_MASK = 0x000000FFu;
+
+// The module whose message table holds the texts of the internet errors 12001 to 12156; pass
+// it as source with FORMAT_MESSAGE_FROM_HMODULE.
+TESSEL_API HMODULE InternetMessageModule();
 
 // Writes the text of the error number messageId, NUL-terminated, into buffer of size
 // characters and returns its length without the NUL. flags must hold
