@@ -24,6 +24,12 @@ using HANDLE = KernelObject*;
 struct WindowObject;
 using HWND = WindowObject*;
 
+// Message words: the message number, and its two parameters, each as wide as a pointer.
+using UINT = unsigned int;
+using WPARAM = std::uintptr_t;
+using LPARAM = std::intptr_t;
+using LRESULT = std::intptr_t;
+
 // Stands for the platform's security attributes; accepted and ignored on Linux, where access
 // to named objects follows the permissions of their files.
 struct SECURITY_ATTRIBUTES {
@@ -91,7 +97,9 @@ inline constexpr DWORD ERROR_CANTWRITE = 1013;
 inline constexpr DWORD ERROR_KEY_DELETED = 1018;
 inline constexpr DWORD ERROR_SERVICE_DOES_NOT_EXIST = 1060;
 inline constexpr DWORD ERROR_USER_MAPPED_FILE = 1224;
+inline constexpr DWORD ERROR_INVALID_THREAD_ID = 1444;
 inline constexpr DWORD ERROR_TIMEOUT = 1460;
 inline constexpr DWORD ERROR_UNSUPPORTED_TYPE = 1630;
+inline constexpr DWORD ERROR_NOT_ENOUGH_QUOTA = 1816;
 
 }  // namespace Tessel::Platform

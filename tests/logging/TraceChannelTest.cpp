@@ -8,6 +8,7 @@
 #include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/host/Registry.h"
+#include "tessel/logging/ErrorUtil.h"
 #include "tessel/logging/ILogging.h"
 #include "tessel/logging/TraceGuard.h"
 #include "tessel/logging/TraceUtil.h"
@@ -167,6 +168,40 @@ TEST(TraceScopes, LogGuardWritesBothLinesOrNeither) {
     testing::internal::CaptureStderr();
     { VelkorLogGuard guard("Guard", ILogging::Trace, "filtered"); }  // below the level
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(TraceChannel, LastErrorPerThread) {
+    std::string text;
+    unsigned int first = 1, second = 1;
+    EXPECT_FALSE(CErrorUtil::GetLast(text, &first, &second));
+    EXPECT_EQ(first, 0u);
+
+    REG::WriteLong(kKey, "Errors", 1);
+    CTraceUtil::SetRegistryKey(kKey, "Errors");
+    TesselTest::DebugOutputCapture capture;
+    CErrorUtil::SetLast(1, "port busy", 9800, 2);
+    CErrorUtil::SetLast(0, "port closed", 9801, 3);  // no trace
+    EXPECT_TRUE(CErrorUtil::GetLast(text, &first, nullptr));
+    EXPECT_EQ(text, "port closed");
+    EXPECT_EQ(first, 9801u);
+    ASSERT_EQ(capture.texts().size(), 1u);
+    EXPECT_NE(capture.texts()[0].find(": CLastError::SetLast 'port busy', [9800], [2]\n"),
+              std::string::npos);
+
+    std::thread([] {
+        std::string other;
+        EXPECT_FALSE(CErrorUtil::GetLast(other, nullptr, nullptr));  // each thread its own
+    }).join();
+
+    Tessel::Platform::RegisterStringResource(nullptr, 17, "from a resource");
+    CErrorUtil::SetLastByRes(0, nullptr, 17, 1, 2);
+    EXPECT_TRUE(CErrorUtil::GetLast(text, nullptr, &second));
+    EXPECT_EQ(text, "from a resource");
+    EXPECT_EQ(second, 2u);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
 // tessel-host: the sample host process.
 //
-// Publishes a simulated station feed as monitor elements, updates it from two threads and
-// prints the element table once a second, until SIGINT or SIGTERM (or the time given with
-// --duration) ends it; then the threads stop and the process exits cleanly.
+// Publishes a simulated station feed as monitor elements, updates it from two worker threads
+// (active objects) and prints the element table once a second, until SIGINT or SIGTERM (or the
+// time given with --duration) ends it; then the workers stop, each within its bound, and the
+// process exits cleanly.
 #include <signal.h>
 
 #include <atomic>
@@ -14,13 +15,14 @@
 #include <random>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "tessel/logging/ILogging.h"
 #include "tessel/logging/TraceUtil.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
+#include "tessel/platform/Handle.h"
+#include "tessel/threads/ActiveObject.h"
 
 namespace {
 
@@ -61,33 +63,66 @@ struct StationFeed {
     CMonitorElement* completeness;
 };
 
-std::atomic<bool> g_running{true};
+// A worker of the feed: runs step() every period until it is asked to stop. The wait on the
+// stop event is the worker's only sleep, so a stop is noticed at once.
+class FeedWorker : public CActiveObject {
+  public:
+    FeedWorker(const char* name, StationFeed& feed, unsigned int periodMs)
+        : CActiveObject(name, &FeedWorker::run, this, 1000), m_feed(feed), m_periodMs(periodMs) {}
+    ~FeedWorker() override { StopThread(); }
+
+  protected:
+    virtual void step(StationFeed& feed) = 0;
+
+  private:
+    static unsigned long run(void* self) {
+        auto* worker = static_cast<FeedWorker*>(self);
+        while (Tessel::Platform::WaitForSingleObject(worker->m_hStopEvent, worker->m_periodMs) ==
+               Tessel::Platform::WAIT_TIMEOUT) {
+            worker->step(worker->m_feed);
+        }
+        return 0;
+    }
+
+    StationFeed& m_feed;
+    const unsigned int m_periodMs;
+};
 
 // Receives an epoch every 100 ms, of which about one in fifty is lost.
-void receive(StationFeed& feed) {
-    std::mt19937 random(1);
-    std::uniform_int_distribution<int> size(200, 400);
-    std::uniform_int_distribution<int> loss(0, 49);
-    while (g_running.load()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+class Receiver : public FeedWorker {
+  public:
+    explicit Receiver(StationFeed& feed) : FeedWorker("Receiver", feed, 100) {}
+    ~Receiver() override { StopThread(); }
+
+  private:
+    void step(StationFeed& feed) override {
         feed.expected->increment(1);
-        if (loss(random) != 0) {
+        if (m_loss(m_random) != 0) {
             ++*feed.epochs;
-            feed.bytes->increment(static_cast<std::uint64_t>(size(random)));
+            feed.bytes->increment(static_cast<std::uint64_t>(m_size(m_random)));
         }
     }
-}
+
+    std::mt19937 m_random{1};
+    std::uniform_int_distribution<int> m_size{200, 400};
+    std::uniform_int_distribution<int> m_loss{0, 49};
+};
 
 // Measures latency and completeness every 250 ms.
-void assess(StationFeed& feed) {
-    std::mt19937 random(2);
-    std::normal_distribution<double> latency(45.0, 8.0);
-    while (g_running.load()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(250));
-        feed.latency->set(std::max(0.0, latency(random)));
+class Assessor : public FeedWorker {
+  public:
+    explicit Assessor(StationFeed& feed) : FeedWorker("Assessor", feed, 250) {}
+    ~Assessor() override { StopThread(); }
+
+  private:
+    void step(StationFeed& feed) override {
+        feed.latency->set(std::max(0.0, m_latency(m_random)));
         feed.completeness->setRatio(feed.epochs->get(), feed.expected->get());
     }
-}
+
+    std::mt19937 m_random{2};
+    std::normal_distribution<double> m_latency{45.0, 8.0};
+};
 
 int usage() {
     std::cerr << "usage: tessel-host [--duration SECONDS]\n"
@@ -126,8 +161,10 @@ int main(int argc, char** argv) {
 
     {
         StationFeed feed("STA1");
-        std::thread receiver(receive, std::ref(feed));
-        std::thread assessor(assess, std::ref(feed));
+        Receiver receiver(feed);
+        Assessor assessor(feed);
+        receiver.StartThread(__FILE__, __LINE__, "main", 0, nullptr, 0);
+        assessor.StartThread(__FILE__, __LINE__, "main", 0, nullptr, 0);
 
         TablePrinter printer(std::cout);
         printer.setFilter("**");
@@ -147,9 +184,9 @@ int main(int argc, char** argv) {
                 break;
             }
         }
-        g_running = false;
-        receiver.join();
-        assessor.join();
+        // Each stop is bounded: the stop time-out, then 5 seconds, then the thread is ended.
+        receiver.StopThread();
+        assessor.StopThread();
     }
     ILogging::getInstance().log("tessel-host", ILogging::Info, "Stopped.");
     return 0;

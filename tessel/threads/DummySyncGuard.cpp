@@ -1,0 +1,3 @@
+#include "tessel/threads/DummySyncGuard.h"
+
+CDummySyncGuard::~CDummySyncGuard() = default;

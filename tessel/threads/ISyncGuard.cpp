@@ -1,0 +1,3 @@
+#include "tessel/threads/ISyncGuard.h"
+
+ISyncGuard::~ISyncGuard() = default;

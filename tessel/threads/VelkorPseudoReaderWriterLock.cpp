@@ -1,0 +1,3 @@
+#include "tessel/threads/VelkorPseudoReaderWriterLock.h"
+
+CVelkorPseudoReaderWriterLock::~CVelkorPseudoReaderWriterLock() = default;
