@@ -17,12 +17,14 @@
 #include <thread>
 #include <vector>
 
+#include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/Process.h"
 #include "tessel/supervision/WatchdogClient.h"
 #include "tessel/supervision/WatchdogMessage.h"
+#include "tessel/threads/ActiveObject.h"
 
 using Tessel::Platform::FALSE;
 using Tessel::Platform::GetCurrentProcessId;
@@ -503,4 +505,33 @@ TEST_F(WatchdogClientTest, TextThatDoesNotFitIsAnInvalidParameter) {
     const std::vector<Received> received = messages();
     ASSERT_EQ(received.size(), 1u);
     EXPECT_EQ(received[0].text, longest);
+}
+
+// A worker that never stops by itself is ended in the second stage of its stop, and the
+// watchdog is told first that the thread closes.
+unsigned long neverStop(void*) {
+    while (true) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return 0;
+}
+
+TEST_F(WatchdogClientTest, SlowForcedStopTellsTheWatchdogFirst) {
+    if (!useFake()) {
+        GTEST_SKIP() << "built without the fake watchdog";
+    }
+    TesselTest::UseScratchRegistry();
+    CWatchdogClient owner;
+    ASSERT_EQ(owner.CreateWatchdog(0, 10, 60, 0), 1);
+    CActiveObject stubborn("Stubborn", &neverStop, nullptr, 100);
+    unsigned long id = 0;
+    ASSERT_EQ(stubborn.StartThread(__FILE__, __LINE__, "test", 0, &id, 0), 1);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(stubborn.StopThread(), 1);
+    testing::internal::GetCapturedStderr();
+    const std::vector<Received> received = messages();
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].type, 1u);  // thread closing
+    EXPECT_EQ(received[0].thread, static_cast<long long>(id));
+    EXPECT_EQ(stubborn.GetThreadExitCode(), 0xFFFFFFFFu);
 }
