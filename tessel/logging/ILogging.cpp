@@ -1,9 +1,14 @@
 #include "tessel/logging/ILogging.h"
 
-#include "tessel/logging/StandardErrorLogging.h"
+#include "tessel/logging/VelkorLog.h"
 #include "tessel/platform/Diagnostics.h"
 
+#include <atomic>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -15,19 +20,56 @@ struct BuildingScope {
     ~BuildingScope() { t_building = false; }
 };
 
-std::unique_ptr<ILogging> build() {
-    BuildingScope scope;
-    return std::make_unique<StandardErrorLogging>();
+}  // namespace
+
+namespace {
+
+// Error lines of the platform layer that came while the log was being built; they are
+// written into the log once it stands, or to standard error if it cannot be built.
+std::mutex g_pendingLock;
+std::vector<std::pair<std::string, std::string>> g_pending;  // guarded by g_pendingLock
+std::atomic<bool> g_anyPending{false};
+
+std::vector<std::pair<std::string, std::string>> takePending() {
+    std::lock_guard<std::mutex> lock(g_pendingLock);
+    g_anyPending.store(false);
+    return std::move(g_pending);
 }
 
-// Error lines of the platform layer go to the log, except those that the building of the
-// log itself causes.
-void reportToLog(const char* category, const std::string& message) {
-    if (t_building) {
-        Tessel::Platform::StandardErrorReporter(category, message);
-        return;
+}  // namespace
+
+class VelkorLogFactory {
+  public:
+    static std::unique_ptr<ILogging> build() {
+        BuildingScope scope;
+        try {
+            return std::unique_ptr<ILogging>(new VelkorLog());
+        } catch (...) {
+            for (const auto& [category, message] : takePending()) {
+                Tessel::Platform::StandardErrorReporter(category.c_str(), message);
+            }
+            throw;
+        }
     }
-    ILogging::getInstance().log(category, ILogging::Error, message);
+};
+
+namespace {
+
+// Error lines of the platform layer go to the log; those that the building of the log itself
+// causes wait until it stands. A report never throws: where the log cannot be had, the line
+// goes to standard error.
+void reportToLog(const char* category, const std::string& message) noexcept {
+    try {
+        if (t_building) {
+            std::lock_guard<std::mutex> lock(g_pendingLock);
+            g_pending.emplace_back(category, message);
+            g_anyPending.store(true);
+            return;
+        }
+        ILogging::getInstance().log(category, ILogging::Error, message);
+    } catch (...) {
+        Tessel::Platform::StandardErrorReporter(category, message);
+    }
 }
 
 const bool g_reportingToLog = (Tessel::Platform::SetErrorReporter(&reportToLog), true);
@@ -37,7 +79,12 @@ const bool g_reportingToLog = (Tessel::Platform::SetErrorReporter(&reportToLog),
 ILogging::~ILogging() = default;
 
 ILogging& ILogging::getInstance() {
-    static const std::unique_ptr<ILogging> instance = build();
+    static const std::unique_ptr<ILogging> instance = VelkorLogFactory::build();
+    if (g_anyPending.load(std::memory_order_relaxed) && !t_building) {
+        for (const auto& [category, message] : takePending()) {
+            instance->log(category, ILogging::Error, message);
+        }
+    }
     return *instance;
 }
 

@@ -238,9 +238,8 @@ DWORD RegistryHive::fail(int rc) {
     if (error == ERROR_BADDB || error == ERROR_CANTOPEN) {
         if (m_reportedError != error) {
             m_reportedError = error;
-            ReportError("Registry", "Registry database " + m_file + " is not usable (" +
-                                        sqlite3_errstr(rc) + "); its operations fail with error " +
-                                        std::to_string(error) + ".");
+            m_report = "Registry database " + m_file + " is not usable (" + sqlite3_errstr(rc) +
+                       "); its operations fail with error " + std::to_string(error) + ".";
         }
         close();
     }
@@ -303,6 +302,15 @@ DWORD RegistryHive::open() {
     }
     m_reportedError = ERROR_SUCCESS;
     return ERROR_SUCCESS;
+}
+
+RegistryHiveLock::~RegistryHiveLock() {
+    m_hive.resetUsed();
+    const std::string report = m_hive.takeReport();
+    m_hive.mutex().unlock();
+    if (!report.empty()) {
+        ReportError("Registry", report);
+    }
 }
 
 RegistryTransaction::RegistryTransaction(RegistryHive& hive)

@@ -90,8 +90,12 @@ class RegistryHive {
     void resetUsed();
 
     // The platform's error for a failed step. A database that is not usable is reported
-    // once, in one line that names the file, and opened afresh at the next operation.
+    // once, in one line that names the file, and opened afresh at the next operation. The
+    // report is made when the hive's lock is released (see RegistryHiveLock), since whoever
+    // receives it may use the registry again.
     DWORD fail(int rc);
+    // The report that fail() left, taken away. Under mutex().
+    std::string takeReport() { return std::move(m_report); }
 
     // The cached id of a key path, or 0. An entry may be stale after another process
     // deleted the key; its user confirms the id when the key seems to be gone.
@@ -118,16 +122,15 @@ class RegistryHive {
     bool m_exiting = false;                                     // guarded by m_mutex
     DWORD m_reportedError = ERROR_SUCCESS;                      // guarded by m_mutex
     std::unordered_map<std::string, std::int64_t> m_ids;        // guarded by m_mutex
+    std::string m_report;                                       // guarded by m_mutex
 };
 
-// Holds a hive's lock for one operation and resets the statements it used on release.
+// Holds a hive's lock for one operation; on release it resets the statements the operation
+// used and, with the lock released, hands on the error report it left.
 class RegistryHiveLock {
   public:
     explicit RegistryHiveLock(RegistryHive& hive) : m_hive(hive) { hive.mutex().lock(); }
-    ~RegistryHiveLock() {
-        m_hive.resetUsed();
-        m_hive.mutex().unlock();
-    }
+    ~RegistryHiveLock();
     RegistryHiveLock(const RegistryHiveLock&) = delete;
     RegistryHiveLock& operator=(const RegistryHiveLock&) = delete;
 

@@ -12,7 +12,7 @@
 namespace {
 
 class Counter : public CMonitorElementObserver {
-public:
+  public:
     void updateElement(CMonitorElement& element) override {
         ++matched;
         sum += element.get();

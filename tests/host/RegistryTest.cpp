@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/LogCapture.h"
 #include "support/ScratchRegistry.h"
 #include "tessel/logging/ILogging.h"
 
@@ -168,12 +169,12 @@ TEST_F(Reg, BinaryValuesAndTheirTraceMessages) {
     EXPECT_EQ(std::memcmp(read, data, 4), 0);
 
     ILogging::getInstance().setLogLevel(ILogging::Trace);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture1;
     size = sizeof read;
     EXPECT_EQ(REG::Get(kKey, "NoBytes", read, &size), 0);
     size = 2;
     EXPECT_EQ(REG::Get(kKey, "Bytes", read, &size), 0);
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture1.text();
     EXPECT_NE(log.find("trace [REG::Get] REG::Get(BYTE),(" + std::string(kKey) +
                        ", NoBytes)failed: The system cannot find the file specified.\n"),
               std::string::npos)
@@ -181,10 +182,10 @@ TEST_F(Reg, BinaryValuesAndTheirTraceMessages) {
     EXPECT_NE(log.find(", Bytes)failed: More data is available.\n"), std::string::npos) << log;
 
     ILogging::getInstance().setLogLevel(ILogging::Info);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture2;
     size = sizeof read;
     EXPECT_EQ(REG::Get(kKey, "NoBytes", read, &size), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(logCapture2.text(), "");
 }
 
 TEST_F(Reg, Listings) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <thread>
 
+#include "support/LogCapture.h"
 #include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/host/Registry.h"
@@ -82,9 +83,9 @@ TEST_F(TraceChannel, WaitResultsAreReported) {
     };
     for (const auto& c : cases) {
         TesselTest::DebugOutputCapture capture;
-        testing::internal::CaptureStderr();
+        TesselTest::LogCapture logCapture1;
         CTraceUtil::CheckWaitForObjectRetVal(c.result, "Pool", true, false, 2);
-        const std::string log = testing::internal::GetCapturedStderr();
+        const std::string log = logCapture1.text();
         if (c.expected == nullptr) {
             EXPECT_TRUE(capture.texts().empty()) << c.result;
             EXPECT_EQ(log, "");
@@ -96,9 +97,9 @@ TEST_F(TraceChannel, WaitResultsAreReported) {
     // A failed wait outputs the error text alone; the name reaches only the log.
     TesselTest::DebugOutputCapture capture;
     Tessel::Platform::SetLastError(Tessel::Platform::ERROR_INVALID_HANDLE);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture2;
     CTraceUtil::CheckWaitForObjectRetVal(0xFFFFFFFF, "Pool", true, false, 1);
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture2.text();
     EXPECT_NE(capture.joined().find(": The handle is invalid.\r\n"), std::string::npos);
     EXPECT_EQ(capture.joined().find("Pool"), std::string::npos);
     EXPECT_NE(log.find("[CTraceUtil::CheckWaitForObjectRetVal] Error=Pool: The handle is "
@@ -152,22 +153,21 @@ TEST(TraceScopes, TimeMeasurementLevels) {
         EXPECT_EQ(VelkorLogScopedTimeMeasurement::LevelFor(c.seconds, 1, 2, 3), c.level)
             << c.seconds;
     }
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture3;
     { VelkorLogScopedTimeMeasurement measure("Scope", -1, 100, 200, "work"); }
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(" info [Scope] work seconds: "),
-              std::string::npos);
+    EXPECT_NE(logCapture3.text().find(" info [Scope] work seconds: "), std::string::npos);
 }
 
 TEST(TraceScopes, LogGuardWritesBothLinesOrNeither) {
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture4;
     { VelkorLogGuard guard("Guard", ILogging::Warn, "step"); }
-    const std::string written = testing::internal::GetCapturedStderr();
+    const std::string written = logCapture4.text();
     EXPECT_NE(written.find(" warning [Guard] step start\n"), std::string::npos) << written;
     EXPECT_NE(written.find(" warning [Guard] step end seconds: "), std::string::npos) << written;
 
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture5;
     { VelkorLogGuard guard("Guard", ILogging::Trace, "filtered"); }  // below the level
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(logCapture5.text(), "");
 }
 
 }  // namespace

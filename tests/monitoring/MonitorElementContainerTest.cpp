@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "support/LogCapture.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/platform/Process.h"
@@ -102,7 +103,7 @@ TEST(MonitorElementContainer, ClearRemovesAllAndLeavesTheContainerUsable) {
 }
 
 TEST(MonitorElementContainer, ElementRemovedElsewhereIsLoggedNotTouched) {
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture1;
     {
         CMonitorElementContainer container("Twice");
         CMonitorElement* element = container.add("Gone", "");
@@ -113,7 +114,7 @@ TEST(MonitorElementContainer, ElementRemovedElsewhereIsLoggedNotTouched) {
         container.add("Gone", "");
         ASSERT_TRUE(db().remove(db().findOrAdd("Twice/Gone", "")));
     }
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture1.text();
     for (const char* expected :
          {" error [CMonitorElementContainer::clear] Monitor element (",
           "/Twice/Gone) has already been removed.", "/Twice/GoneToo) has already been removed.",

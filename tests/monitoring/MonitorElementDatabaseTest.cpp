@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/LogCapture.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
@@ -112,10 +113,10 @@ TEST(MonitorElementDatabase, UpdateWalksMatchingElementsInKeyOrder) {
 
 TEST(MonitorElementDatabase, OverlongNamesAreRefusedWithAnErrorLine) {
     const std::uint64_t count = db().getLocalElementCount();
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture1;
     CMonitorElement* tooLong = db().add(std::string(195, 'n'), "");  // long with the base
     CMonitorElement* tooDeep = db().findOrAdd("/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u", "");
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture1.text();
     EXPECT_EQ(tooLong, nullptr);
     EXPECT_EQ(tooDeep, nullptr);
     EXPECT_EQ(db().getLocalElementCount(), count);
@@ -151,9 +152,9 @@ TEST(MonitorElementDatabase, InitMovesEveryElementToTheRootName) {
 TEST(MonitorElementDatabase, InitKeepsElementsThatComeToTheSamePathAlive) {
     CMonitorElement* first = db().add("/Foo/Same", "");
     CMonitorElement* second = db().add("/Bar/Same", "");
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture2;
     MonitorElementDatabase::init("Root");
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture2.text();
     EXPECT_NE(log.find("Monitor element (Root/Same) exists twice under the root name Root"),
               std::string::npos)
         << log;

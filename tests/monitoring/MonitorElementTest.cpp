@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/LogCapture.h"
 #include "tessel/monitoring/MonitorElement.h"
 #include "tessel/platform/Clock.h"
 
@@ -291,9 +292,9 @@ TEST(MonitorElementLimits, NamesAtAndPastTheLimits) {
 }
 
 TEST(MonitorElementLimits, RefusedNameLeavesAnElementWithoutPathAndLogs) {
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture1;
     const CMonitorElement element(std::string(250, 'a'), "ms");
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture1.text();
     EXPECT_EQ(element.getPath(), "");
     EXPECT_EQ(element.getPathElement(0), "");
     EXPECT_NE(log.find(" error [CMonitorElement::CMonitorElement] Monitor element name ("),
@@ -303,9 +304,9 @@ TEST(MonitorElementLimits, RefusedNameLeavesAnElementWithoutPathAndLogs) {
 
 TEST(MonitorElementLimits, SetRootNameThatWouldOverflowIsRefused) {
     const CMonitorElement element("R/" + std::string(190, 'b'), "");
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture2;
     element.setRootName(std::string(20, 'r'));
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture2.text();
     EXPECT_EQ(element.getPath(), "R/" + std::string(190, 'b'));
     EXPECT_NE(log.find("[CMonitorElement::setRootName]"), std::string::npos) << log;
 }

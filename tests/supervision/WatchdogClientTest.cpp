@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/LogCapture.h"
 #include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/platform/Event.h"
@@ -526,9 +527,9 @@ TEST_F(WatchdogClientTest, SlowForcedStopTellsTheWatchdogFirst) {
     CActiveObject stubborn("Stubborn", &neverStop, nullptr, 100);
     unsigned long id = 0;
     ASSERT_EQ(stubborn.StartThread(__FILE__, __LINE__, "test", 0, &id, 0), 1);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture1;
     EXPECT_EQ(stubborn.StopThread(), 1);
-    testing::internal::GetCapturedStderr();
+    logCapture1.text();
     const std::vector<Received> received = messages();
     ASSERT_EQ(received.size(), 1u);
     EXPECT_EQ(received[0].type, 1u);  // thread closing

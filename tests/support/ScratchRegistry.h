@@ -6,9 +6,10 @@
 
 namespace TesselTest {
 
-// Points TESSEL_REGISTRY_DIR at a fresh temporary folder, once per process, and returns it.
-// The folder is removed when the process exits normally. Must be called before the first
-// registry operation of the process; forked children share it.
+// Gives the process folders of its own, once: TESSEL_REGISTRY_DIR and TMPDIR (and with it the
+// temp directory, below which the log is written) point into a fresh temporary folder, which
+// is removed when the process exits normally. Returns the registry folder. The test program's
+// main calls it before any test; forked children share the folders.
 const std::string& UseScratchRegistry();
 
 // Runs child in a forked process, which then exits normally with child's result, and returns

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/LogCapture.h"
 #include "support/ScratchRegistry.h"
 #include "tessel/host/Registry.h"
 #include "tessel/logging/ILogging.h"
@@ -81,11 +82,11 @@ TEST(ActiveObject, WorkerThatReturnsSevenIsReportedAtWarningLevel) {
     ASSERT_EQ(object.StartThread(__FILE__, __LINE__, "test", 0, &id, 0), 1);
     EXPECT_EQ(id, object.GetWorkerThreadId());
     EXPECT_NE(id, 0u);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture1;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(object.StopThread(), 1);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));  // joined at once
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture1.text();
     EXPECT_EQ(object.GetThreadExitCode(), 7u);
     EXPECT_TRUE(std::regex_search(
         log,
@@ -98,9 +99,9 @@ TEST(ActiveObject, WorkerThatReturnsSevenIsReportedAtWarningLevel) {
 TEST(ActiveObject, WorkerThatReturnsZeroIsNotReported) {
     CActiveObject object("Zero", &returnZero, nullptr, 1000);
     ASSERT_EQ(object.StartThread(__FILE__, __LINE__, "test", 0, nullptr, 0), 1);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture2;
     EXPECT_EQ(object.StopThread(), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(logCapture2.text(), "");
     EXPECT_EQ(object.GetThreadExitCode(), 0u);
 }
 
@@ -164,9 +165,9 @@ TEST(ActiveObject, StopByTheWorkerItself) {
     EXPECT_EQ(object.second.load(), 0);
     // A start after the worker stopped itself cleans up and starts anew, without the
     // exit-code message of a worker that did not say it would stop.
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture3;
     EXPECT_EQ(object.StartThread(__FILE__, __LINE__, "test", 0, nullptr, 0), 1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(logCapture3.text(), "");
 }
 
 TEST(ActiveObject, SecondStageCrashSwitch) {
@@ -203,13 +204,13 @@ TEST(ActiveObject, SlowWorkerIgnoringItsStopIsEndedInTwoStages) {
     TesselTest::UseScratchRegistry();
     CActiveObject object("Stubborn", &ignoreStop, nullptr, 100);
     ASSERT_EQ(object.StartThread(__FILE__, __LINE__, "test", 0, nullptr, 0), 1);
-    testing::internal::CaptureStderr();
+    TesselTest::LogCapture logCapture4;
     ILogging::getInstance().log("Test", ILogging::Info, "stop begins");
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(object.StopThread(), 1);
     const double took =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string log = logCapture4.text();
 
     const std::string stage1 = "1.Stage! CActiveObject Thread(Id[";
     const std::string stage2 = "2.Stage! CActiveObject TerminateThread(Id[";

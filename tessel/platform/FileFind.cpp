@@ -1,0 +1,170 @@
+#include "tessel/platform/FileFind.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "tessel/platform/Clock.h"
+#include "tessel/platform/LastError.h"
+
+namespace Tessel::Platform {
+
+struct FileSearch {
+    DIR* dir;
+    std::string folder;
+    std::string pattern;
+};
+
+FIND_HANDLE const INVALID_FIND_HANDLE =
+    reinterpret_cast<FIND_HANDLE>(static_cast<std::uintptr_t>(-1));
+
+namespace {
+
+int lower(char c) {
+    return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : static_cast<unsigned char>(c);
+}
+
+// The classic iterative match with one saved star position.
+bool matches(const char* pattern, const char* name) {
+    const char* star = nullptr;
+    const char* resume = nullptr;
+    while (*name != '\0') {
+        if (*pattern == '*') {
+            star = pattern++;
+            resume = name;
+        } else if (*pattern == '?' || (*pattern != '\0' && lower(*pattern) == lower(*name))) {
+            ++pattern;
+            ++name;
+        } else if (star != nullptr) {
+            pattern = star + 1;
+            name = ++resume;
+        } else {
+            return false;
+        }
+    }
+    while (*pattern == '*') {
+        ++pattern;
+    }
+    return *pattern == '\0';
+}
+
+// Fills data from the entry name of the search's folder.
+void fill(const FileSearch& search, const char* name, WIN32_FIND_DATAA* data) {
+    std::memset(data, 0, sizeof *data);
+    std::strncpy(data->cFileName, name, MAX_PATH - 1);
+    struct stat info;
+    const std::string path = search.folder + "/" + name;
+    if (::stat(path.c_str(), &info) == 0) {
+        data->dwFileAttributes =
+            S_ISDIR(info.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
+        if ((info.st_mode & 0222) == 0) {
+            data->dwFileAttributes |= FILE_ATTRIBUTE_READONLY;
+        }
+        data->nFileSize = static_cast<std::uint64_t>(info.st_size);
+        data->ftLastWriteTime = kUnixEpochInSystemTicks +
+                                static_cast<std::int64_t>(info.st_mtim.tv_sec) * 10000000LL +
+                                info.st_mtim.tv_nsec / 100;
+    }
+}
+
+bool next(FileSearch& search, WIN32_FIND_DATAA* data) {
+    while (const dirent* entry = ::readdir(search.dir)) {
+        if (MatchesWildcard(search.pattern.c_str(), entry->d_name)) {
+            fill(search, entry->d_name, data);
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+bool MatchesWildcard(const char* pattern, const char* name) {
+    if (std::strcmp(pattern, "*.*") == 0) {
+        return true;
+    }
+    return matches(pattern, name);
+}
+
+FIND_HANDLE FindFirstFileA(const char* path, WIN32_FIND_DATAA* data) {
+    if (path == nullptr || data == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_FIND_HANDLE;
+    }
+    std::string text(path);
+    for (char& c : text) {
+        if (c == '\\') {
+            c = '/';
+        }
+    }
+    const std::size_t slash = text.rfind('/');
+    auto* search = new (std::nothrow)
+        FileSearch{nullptr, slash == std::string::npos ? "." : text.substr(0, slash),
+                   slash == std::string::npos ? text : text.substr(slash + 1)};
+    if (search == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return INVALID_FIND_HANDLE;
+    }
+    if (search->folder.empty()) {
+        search->folder = "/";
+    }
+    search->dir = ::opendir(search->folder.c_str());
+    if (search->dir == nullptr) {
+        SetLastError(errno == ENOENT || errno == ENOTDIR ? ERROR_PATH_NOT_FOUND
+                                                         : ErrnoToError(errno));
+        delete search;
+        return INVALID_FIND_HANDLE;
+    }
+    if (!next(*search, data)) {
+        ::closedir(search->dir);
+        delete search;
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return INVALID_FIND_HANDLE;
+    }
+    return search;
+}
+
+BOOL FindNextFileA(FIND_HANDLE search, WIN32_FIND_DATAA* data) {
+    if (search == nullptr || search == INVALID_FIND_HANDLE || data == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    if (!next(*search, data)) {
+        SetLastError(ERROR_NO_MORE_FILES);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL FindClose(FIND_HANDLE search) {
+    if (search == nullptr || search == INVALID_FIND_HANDLE) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    ::closedir(search->dir);
+    delete search;
+    return TRUE;
+}
+
+int _mkdir(const char* path) {
+    return ::mkdir(path, 0777);
+}
+
+DWORD GetTempPathA(DWORD size, char* buffer) {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string path = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    if (path.back() != '/') {
+        path += '/';
+    }
+    if (buffer == nullptr || path.size() + 1 > size) {
+        return static_cast<DWORD>(path.size() + 1);
+    }
+    std::memcpy(buffer, path.c_str(), path.size() + 1);
+    return static_cast<DWORD>(path.size());
+}
+
+}  // namespace Tessel::Platform
