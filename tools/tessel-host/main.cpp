@@ -18,6 +18,7 @@
 
 #include "tessel/logging/ILogging.h"
 #include "tessel/logging/TraceUtil.h"
+#include "tessel/logging/VelkorLog.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
@@ -156,8 +157,14 @@ int main(int argc, char** argv) {
 
     char name[256];
     CTraceUtil::GetExeName(name, sizeof name);
+    VelkorLog::init(name, false);
+    VelkorLog::startConfigurationWatcher();
     MonitorElementDatabase::init(name);
     ILogging::getInstance().log("tessel-host", ILogging::Info, "Started.");
+    std::cout << "Log files in " << dynamic_cast<VelkorLog&>(ILogging::getInstance()).getLogFolder()
+              << ", configured by "
+              << dynamic_cast<VelkorLog&>(ILogging::getInstance()).getConfigurationPath()
+              << std::endl;
 
     {
         StationFeed feed("STA1");
@@ -189,5 +196,6 @@ int main(int argc, char** argv) {
         assessor.StopThread();
     }
     ILogging::getInstance().log("tessel-host", ILogging::Info, "Stopped.");
+    VelkorLog::stopConfigurationWatcher();
     return 0;
 }

@@ -1,0 +1,406 @@
+// The log as a process sees it. Every test runs in a process of its own (ctest), so that each
+// builds the log afresh from the files it prepared.
+#include "tessel/logging/VelkorLog.h"
+
+#include <gtest/gtest.h>
+#include <spdlog/details/os.h>
+#include <spdlog/spdlog.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <boost/property_tree/xml_parser.hpp>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/LogCapture.h"
+#include "support/ScratchRegistry.h"
+#include "tessel/host/TempDirectory.h"
+#include "tessel/platform/Process.h"
+
+// The private operations of the log, for the tests.
+class VelkorLogTestAccess {
+  public:
+    static bool parseFileIndex(const std::string& name, std::uint64_t& index) {
+        return VelkorLog::parseFileIndex(name, index);
+    }
+    static bool parseProcessId(const std::string& name, std::uint64_t& id) {
+        return VelkorLog::parseProcessId(name, id);
+    }
+};
+
+namespace {
+
+namespace fs = std::filesystem;
+
+VelkorLog& velkorLog() {
+    return dynamic_cast<VelkorLog&>(ILogging::getInstance());
+}
+
+std::string today() {
+    const std::tm date = spdlog::details::os::localtime();
+    char text[16];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d", date.tm_year + 1900, date.tm_mon + 1,
+                  date.tm_mday);
+    return text;
+}
+
+class Log : public testing::Test {
+  protected:
+    void SetUp() override {
+        m_appDir = CTempDirectory::GetTempDirectoryCurrentUser() + "app";
+        fs::create_directories(m_appDir);
+        ::setenv("TESSEL_APP_DIR", m_appDir.c_str(), 1);
+        m_logDir = CTempDirectory::GetTempDirectory() + "log/";
+        fs::create_directories(m_logDir);
+    }
+
+    void configure(const std::string& body) {
+        std::ofstream(m_appDir + "/VelkorLog.config")
+            << "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<velkorlogging>" << body
+            << "</velkorlogging>\n";
+    }
+
+    void touch(const std::string& name, std::time_t modified) {
+        std::ofstream(m_logDir + name) << "old\n";
+        const utimbuf times{modified, modified};
+        ::utime((m_logDir + name).c_str(), &times);
+    }
+
+    std::string m_appDir;
+    std::string m_logDir;
+};
+
+TEST_F(Log, DefaultsWithoutAConfigurationFile) {
+    VelkorLog::init("App", false);
+    VelkorLog& log = velkorLog();
+    EXPECT_EQ(log.getLogLevel(), ILogging::Info);
+    EXPECT_EQ(log.getMaxNumberFiles(), 10u);
+    EXPECT_TRUE(log.isLoggerActive("Anything::At::All"));
+    EXPECT_FALSE(log.shouldLogLevel(ILogging::Trace));
+    EXPECT_TRUE(log.shouldLogLevel(ILogging::Info));
+    EXPECT_FALSE(log.shouldLogLevel(ILogging::Off));
+    EXPECT_EQ(log.getLogFolder(), m_logDir);
+    EXPECT_EQ(log.getConfigurationPath(), m_appDir + "/VelkorLog.config");
+    EXPECT_FALSE(fs::exists(log.getConfigurationPath()));  // no file is made
+
+    log.log("Cat", ILogging::Warn, "written");
+    std::ifstream in(m_logDir + "App_" + today() + ".log");
+    std::string line;
+    std::getline(in, line);
+    EXPECT_NE(line.find(" P[" + std::to_string(Tessel::Platform::GetCurrentProcessId()) + "] T["),
+              std::string::npos)
+        << line;
+    EXPECT_NE(line.find("] warning [Cat] written"), std::string::npos) << line;
+}
+
+TEST_F(Log, SettingsFromTheFile) {
+    configure(
+        "<watchintervalminutes>3</watchintervalminutes><minlevel>error</minlevel>"
+        "<maxnumberfiles>4</maxnumberfiles><maxfilesize>0</maxfilesize>");
+    VelkorLog::init("App", false);
+    EXPECT_EQ(velkorLog().getLogLevel(), ILogging::Error);
+    EXPECT_EQ(velkorLog().getMaxNumberFiles(), 4u);
+}
+
+struct LevelCase {
+    const char* text;
+    ILogging::LogLevels level;
+};
+
+TEST(LogConfiguration, LevelTextsMatchExactly) {
+    const LevelCase cases[] = {
+        {"trace", ILogging::Trace}, {"info", ILogging::Info},  {"warn", ILogging::Warn},
+        {"error", ILogging::Error}, {"off", ILogging::Off},    {"INFO", ILogging::Info},
+        {"debug", ILogging::Info},  {"Error", ILogging::Info}, {"", ILogging::Info},
+    };
+    const std::string file = CTempDirectory::GetTempDirectoryCurrentUser() + "levels.config";
+    for (const LevelCase& c : cases) {
+        std::ofstream(file) << "<velkorlogging><minlevel>" << c.text
+                            << "</minlevel><maxfilesize>x</maxfilesize></velkorlogging>";
+        boost::property_tree::ptree tree;
+        boost::property_tree::read_xml(file, tree);
+        // The same reading as the log's: an unknown text leaves the default.
+        VelkorLogConfiguration configuration;
+        const std::string text = tree.get<std::string>(VelkorLog::s_configKeyMinLevel, "info");
+        for (ILogging::LogLevels candidate :
+             {ILogging::Trace, ILogging::Info, ILogging::Warn, ILogging::Error, ILogging::Off}) {
+            if (text == ILogging::toString(candidate)) {
+                configuration.m_minLevel = candidate;
+            }
+        }
+        EXPECT_EQ(configuration.m_minLevel, c.level) << c.text;
+        EXPECT_EQ(tree.get<std::uint64_t>(VelkorLog::s_configKeyMaxFileSize, 52428800), 52428800u);
+    }
+}
+
+TEST_F(Log, UnknownLevelTextsGiveInfo) {
+    configure("<minlevel>debug</minlevel><maxfilesize>lots</maxfilesize>");
+    EXPECT_EQ(velkorLog().getLogLevel(), ILogging::Info);
+}
+
+TEST_F(Log, LevelOffWritesNothing) {
+    configure("<minlevel>off</minlevel>");
+    VelkorLog::init("App", false);
+    TesselTest::LogCapture capture;
+    for (ILogging::LogLevels level :
+         {ILogging::Trace, ILogging::Info, ILogging::Warn, ILogging::Error, ILogging::Off}) {
+        velkorLog().log("Cat", level, "x");
+        velkorLog().log(level, "y");
+        EXPECT_FALSE(velkorLog().shouldLogLevel(level));
+    }
+    EXPECT_EQ(capture.text(), "");
+}
+
+struct PatternCase {
+    const char* pattern;
+    const char* category;
+    bool active;
+};
+
+TEST(LogConfiguration, CategoryPatterns) {
+    const PatternCase cases[] = {
+        {"Net*", "Network", true},
+        {"Net*", "xNetwork", false},
+        {"Net*", "Net", true},
+        {"a?c", "abc", true},
+        {"a?c", "ac", false},
+        {"a.c", "a.c", true},
+        {"a.c", "abc", false},
+        {"a.c*", "abc", true},
+        {"a.c*", "a.cde", true},
+        {"a.c*", "xa.c", false},
+        {"CActiveObject::StopThread", "CActiveObject::StopThread", true},
+        {"CActiveObject::StopThread", "CActiveObject::Stop", false},
+    };
+    for (const PatternCase& c : cases) {
+        VelkorLogConfiguration configuration;
+        configuration.addCategoryPattern(c.pattern);
+        EXPECT_EQ(configuration.isActive(c.category), c.active) << c.pattern << " " << c.category;
+    }
+    VelkorLogConfiguration none;
+    EXPECT_TRUE(none.isActive("whatever"));
+    VelkorLogConfiguration broken;
+    broken.addCategoryPattern("(*");  // loads; its use throws
+    EXPECT_THROW(broken.isActive("x"), std::regex_error);
+}
+
+TEST_F(Log, CategoriesFilterOnlyTheThreeArgumentLog) {
+    configure("<loggers><logger>Net*</logger><logger>a?c</logger></loggers>");
+    VelkorLog::init("App", false);
+    TesselTest::LogCapture capture;
+    velkorLog().log("Network", ILogging::Info, "passes");
+    velkorLog().log("Other", ILogging::Info, "filtered");
+    velkorLog().log(ILogging::Info, "uncategorised");
+    const std::string text = capture.text();
+    EXPECT_NE(text.find("[Network] passes"), std::string::npos) << text;
+    EXPECT_EQ(text.find("filtered"), std::string::npos) << text;
+    EXPECT_NE(text.find(" info uncategorised"), std::string::npos) << text;
+}
+
+TEST_F(Log, MalformedFileAtStartLeavesGetInstanceAndIsTriedAgain) {
+    configure("<minlevel>trace</minlevel><unclosed>");
+    EXPECT_THROW(ILogging::getInstance(), boost::property_tree::xml_parser_error);
+    configure("<minlevel>trace</minlevel>");
+    EXPECT_EQ(ILogging::getInstance().getLogLevel(), ILogging::Trace);
+}
+
+// Waits until condition holds, at most five seconds.
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+TEST_F(Log, LiveReloadChangesTheLevelAndOnlyAChangeRebuilds) {
+    configure("<watchintervalminutes>0</watchintervalminutes><minlevel>info</minlevel>");
+    VelkorLog::init("App", false);
+    VelkorLog& log = velkorLog();
+    const spdlog::logger* before = spdlog::default_logger_raw();
+    VelkorLog::startConfigurationWatcher();
+    // The watcher looks at the file without pause; the same settings rebuild nothing.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(spdlog::default_logger_raw(), before);
+
+    configure("<watchintervalminutes>0</watchintervalminutes><minlevel>trace</minlevel>");
+    EXPECT_TRUE(eventually([&] { return log.shouldLogLevel(ILogging::Trace); }));
+    EXPECT_TRUE(eventually([&] { return spdlog::default_logger_raw() != before; }));
+    VelkorLog::stopConfigurationWatcher();
+    TesselTest::LogCapture capture;
+    log.log("Cat", ILogging::Trace, "now written");
+    EXPECT_NE(capture.text().find(" trace [Cat] now written"), std::string::npos);
+    VelkorLog::stopConfigurationWatcher();  // nothing runs: nothing happens
+}
+
+TEST_F(Log, RestartAppendsToTheHighestIndexOfTheDay) {
+    for (const char* index : {"", ".2", ".7"}) {
+        touch("App_" + today() + index + ".log", std::time(nullptr));
+    }
+    touch("App_2001-01-01.9.log", std::time(nullptr));  // another day does not count
+    VelkorLog::init("App", false);
+    velkorLog().log(ILogging::Error, "appended");
+    std::ifstream in(m_logDir + "App_" + today() + ".7.log");
+    std::string first, second;
+    std::getline(in, first);
+    std::getline(in, second);
+    EXPECT_EQ(first, "old");
+    EXPECT_NE(second.find(" error appended"), std::string::npos) << second;
+}
+
+TEST_F(Log, ProcessIdFormCountsOnlyItsOwnFiles) {
+    touch("App_1_" + today() + ".3.log", std::time(nullptr));
+    VelkorLog::init("App", true);
+    velkorLog().log(ILogging::Error, "own file");
+    const std::string own = m_logDir + "App_" +
+                            std::to_string(Tessel::Platform::GetCurrentProcessId()) + "_" +
+                            today() + ".log";
+    EXPECT_TRUE(fs::exists(own)) << own;
+    EXPECT_EQ(fs::file_size(m_logDir + "App_1_" + today() + ".3.log"), 4u);
+}
+
+TEST_F(Log, HousekeepingKeepsTheNewestFilesAcrossDatesAndProcesses) {
+    VelkorLog::init("App", true);
+    const std::time_t now = std::time(nullptr);
+    std::vector<std::string> names;
+    for (int i = 0; i < 12; ++i) {
+        names.push_back("App_" + std::to_string(100 + i % 3) + "_2020-01-" +
+                        std::to_string(10 + i) + (i % 2 ? ".1" : "") + ".log");
+        touch(names.back(), now - 1000 + i * 10);  // names[0] is the oldest
+    }
+    touch("Other_1_2020-01-01.log", now - 5000);  // another application: not counted
+    VelkorLog& log = velkorLog();                 // adds its own file, the newest
+    log.deleteOldFiles(10);
+    for (int i = 0; i < 12; ++i) {
+        EXPECT_EQ(fs::exists(m_logDir + names[i]), i >= 3) << names[i];
+    }
+    EXPECT_TRUE(fs::exists(m_logDir + "Other_1_2020-01-01.log"));
+    log.deleteOldFiles(0);  // turns housekeeping off
+    EXPECT_TRUE(fs::exists(m_logDir + names[3]));
+}
+
+TEST(LogFileNames, ParseIndexAndProcessId) {
+    VelkorLog::s_applicationName = "App";
+    struct {
+        const char* name;
+        bool hasIndex;
+        std::uint64_t index;
+        bool hasProcess;
+        std::uint64_t process;
+    } const cases[] = {
+        {"App_2021-05-27.log", false, 0, true, 2021},
+        {"App_2021-05-27.3.log", true, 3, true, 2021},
+        {"App_4711_2021-05-27.12.log", true, 12, true, 4711},
+        {"App_x.log", false, 0, false, 0},
+        {"App_", false, 0, false, 0},
+        {"", false, 0, false, 0},
+    };
+    for (const auto& c : cases) {
+        std::uint64_t index = 99, process = 99;
+        EXPECT_EQ(VelkorLogTestAccess::parseFileIndex(c.name, index), c.hasIndex) << c.name;
+        if (c.hasIndex) {
+            EXPECT_EQ(index, c.index) << c.name;
+        }
+        EXPECT_EQ(VelkorLogTestAccess::parseProcessId(c.name, process), c.hasProcess) << c.name;
+        if (c.hasProcess) {
+            EXPECT_EQ(process, c.process) << c.name;
+        }
+    }
+    std::uint64_t index = 0;
+    EXPECT_THROW(VelkorLogTestAccess::parseFileIndex("App_1.99999999999999999999.log", index),
+                 std::out_of_range);
+}
+
+// Builds the log as a user who may not write the log folder: 0 when getInstance throws the
+// sink's message.
+int buildWithoutWriteAccess(void*) {
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) {
+        return 10;
+    }
+    try {
+        ILogging::getInstance();
+        return 11;
+    } catch (const spdlog::spdlog_ex& e) {
+        return std::string(e.what()).find("Failed opening file ") != std::string::npos ? 0 : 12;
+    } catch (...) {
+        return 13;
+    }
+}
+
+TEST_F(Log, UnwritableLogFolderLeavesGetInstanceWithTheSinksMessage) {
+    // The folders up to the log folder may be passed through; the log folder not written.
+    const std::string temp = CTempDirectory::GetTempDirectoryCurrentUser();
+    const std::string root = temp.substr(0, temp.rfind('/', temp.size() - 2));
+    for (const std::string& folder : {root, temp, m_appDir}) {
+        fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read |
+                                    fs::perms::group_exec | fs::perms::others_read |
+                                    fs::perms::others_exec);
+    }
+    fs::permissions(m_logDir, fs::perms::owner_read | fs::perms::owner_exec |
+                                  fs::perms::group_read | fs::perms::group_exec |
+                                  fs::perms::others_read | fs::perms::others_exec);
+    EXPECT_EQ(TesselTest::RunInChild(&buildWithoutWriteAccess, nullptr), 0);
+    fs::permissions(m_logDir, fs::perms::owner_all);
+}
+
+// Every message of four threads arrives exactly once, and each thread's in order, across the
+// files of a 64 KiB limit.
+TEST_F(Log, SlowNoMessageIsLostAcrossRotations) {
+    configure("<maxfilesize>65536</maxfilesize>");
+    VelkorLog::init("Flood", false);
+    constexpr int kThreads = 4;
+    constexpr int kMessages = 100000;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t] {
+            for (int n = 0; n < kMessages; ++n) {
+                ILogging::getInstance().log(ILogging::Info,
+                                            "m " + std::to_string(t) + " " + std::to_string(n));
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    // The files in the order written: by index within today's date.
+    std::map<std::uint64_t, std::string> files;
+    for (const auto& entry : fs::directory_iterator(m_logDir)) {
+        const std::string name = entry.path().filename().string();
+        std::uint64_t index = 0;
+        if (name.rfind("Flood_", 0) == 0) {
+            VelkorLogTestAccess::parseFileIndex(name, index);
+            files[index] = entry.path().string();
+        }
+    }
+    EXPECT_GT(files.size(), 100u);
+    std::vector<int> next(kThreads, 0);
+    std::uint64_t lines = 0;
+    for (const auto& [index, path] : files) {
+        EXPECT_LE(fs::file_size(path), 65536u + 100u) << path;
+        std::ifstream in(path);
+        for (std::string line; std::getline(in, line);) {
+            const std::size_t at = line.find(" info m ");
+            ASSERT_NE(at, std::string::npos) << line;
+            int thread = 0, number = 0;
+            ASSERT_EQ(std::sscanf(line.c_str() + at, " info m %d %d", &thread, &number), 2);
+            ASSERT_EQ(number, next[thread]) << "thread " << thread << " in " << path;
+            ++next[thread];
+            ++lines;
+        }
+    }
+    EXPECT_EQ(lines, static_cast<std::uint64_t>(kThreads) * kMessages);
+}
+
+}  // namespace
