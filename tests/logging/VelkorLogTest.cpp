@@ -62,10 +62,14 @@ class Log : public testing::Test {
         fs::create_directories(m_logDir);
     }
 
+    // Writes the configuration file whole: written aside and renamed, so that a watcher never
+    // reads it half written.
     void configure(const std::string& body) {
-        std::ofstream(m_appDir + "/VelkorLog.config")
+        const std::string path = m_appDir + "/VelkorLog.config";
+        std::ofstream(path + ".new")
             << "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<velkorlogging>" << body
             << "</velkorlogging>\n";
+        fs::rename(path + ".new", path);
     }
 
     void touch(const std::string& name, std::time_t modified) {
