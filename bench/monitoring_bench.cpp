@@ -1,13 +1,21 @@
 // Monitor element updates, the filter match and a pass over the element table, each
 // against a baseline measured in the same run.
 #include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <bit>
+#include <condition_variable>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/RatioReporter.h"
@@ -15,6 +23,7 @@
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
+#include "tessel/monitoring/MonitorProcess.h"
 
 // Every heap allocation of the program is counted, so that a benchmark can show that the
 // code it measures allocates nothing.
@@ -29,12 +38,21 @@ void* operator new(std::size_t size) {
     }
     throw std::bad_alloc();
 }
+// GCC takes the free() of a replaced operator delete, once inlined next to a new-expression
+// (as in every benchmark registration), for a mismatched deallocation; it is not one.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
 void operator delete(void* p) noexcept {
     std::free(p);
 }
 void operator delete(void* p, std::size_t) noexcept {
     std::free(p);
 }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 namespace {
 
@@ -164,6 +182,84 @@ void Database_Update(benchmark::State& state) {
 }
 BENCHMARK(Database_Update)->Unit(benchmark::kMicrosecond);
 
+// --- one MonitorProcess cycle with 100 threads in the process ---
+//
+// The CPU time of the updating thread (its thread CPU clock) for one cycle without its
+// pause, against reading /proc/self/task/*/stat once, which the cycle does as a part.
+
+// Seconds of the calling thread's CPU clock.
+double threadCpuSeconds() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+// 100 threads that wait for the end of the program.
+// The mutex and the condition are never destroyed: a condition destroyed at exit would wait
+// for its waiters.
+void startIdleThreads() {
+    static bool started = false;
+    if (started) {
+        return;
+    }
+    started = true;
+    auto* mutex = new std::mutex;
+    auto* never = new std::condition_variable;
+    for (int i = 0; i < 100; ++i) {
+        std::thread([mutex, never] {
+            std::unique_lock<std::mutex> lock(*mutex);
+            never->wait(lock, [] { return false; });
+        }).detach();
+    }
+}
+
+void Baseline_ReadThreadStats(benchmark::State& state) {
+    startIdleThreads();
+    std::size_t threads = 0;
+    for (auto _ : state) {
+        const double start = threadCpuSeconds();
+        threads = 0;
+        DIR* dir = opendir("/proc/self/task");
+        while (const dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] == '.') {
+                continue;
+            }
+            const std::string path = std::string("/proc/self/task/") + entry->d_name + "/stat";
+            const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            char buffer[1024];
+            benchmark::DoNotOptimize(read(fd, buffer, sizeof buffer));
+            close(fd);
+            ++threads;
+        }
+        closedir(dir);
+        state.SetIterationTime(threadCpuSeconds() - start);
+    }
+    state.counters["threads"] = static_cast<double>(threads);
+}
+BENCHMARK(Baseline_ReadThreadStats)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+// Runs single cycles of a monitor that is not started.
+class MonitorProcessBenchAccess {
+  public:
+    static void updateOnce(MonitorProcess& monitor) { monitor.updateOnce(); }
+};
+
+namespace {
+
+void MonitorProcess_Cycle(benchmark::State& state) {
+    startIdleThreads();
+    MonitorProcess monitor;
+    MonitorProcessBenchAccess::updateOnce(monitor);  // creates the elements of every thread
+    for (auto _ : state) {
+        const double start = threadCpuSeconds();
+        MonitorProcessBenchAccess::updateOnce(monitor);
+        state.SetIterationTime(threadCpuSeconds() - start);
+    }
+}
+BENCHMARK(MonitorProcess_Cycle)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -178,5 +274,7 @@ int main(int argc, char** argv) {
             {"Element_Match/star_and_two_stars", "", 100.0},
             {"Database_Update", "", 2000000.0},
             {"Database_Update", "Baseline_MatchLoop", 3.0},
+            {"MonitorProcess_Cycle/manual_time", "", 10000000.0},
+            {"MonitorProcess_Cycle/manual_time", "Baseline_ReadThreadStats/manual_time", 5.0},
         });
 }

@@ -197,10 +197,10 @@ std::string CMonitorElement::getPath() const {
     return path;
 }
 
+// The text that printIdentifier writes, built without a stream: this runs once per rendered
+// element of every monitor request.
 std::string CMonitorElement::getIdentifier(std::uint64_t skip) const {
-    std::ostringstream stream;
-    printIdentifier(stream);
-    std::string text = stream.str();
+    std::string text = getPath();
     if (skip != 0 && skip < text.size()) {
         text.erase(0, skip);
     }

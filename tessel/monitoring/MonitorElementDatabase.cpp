@@ -8,6 +8,7 @@
 
 #include "tessel/logging/ILogging.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
+#include "tessel/monitoring/MonitorProcess.h"
 #include "tessel/platform/Process.h"
 
 using Lock = boost::unique_lock<boost::recursive_mutex>;
@@ -18,15 +19,23 @@ MonitorElementDatabase::MonitorElementDatabase() {
     getBaseName("UnknownRootName", m_baseName);
 }
 
-MonitorElementDatabase::~MonitorElementDatabase() = default;
+// The process monitor goes first: its containers remove their elements from the table,
+// which must still be alive then.
+MonitorElementDatabase::~MonitorElementDatabase() {
+    stop();
+}
 
 MonitorElementDatabase& MonitorElementDatabase::getInstance() {
     static MonitorElementDatabase instance;
     return instance;
 }
 
+// A running process monitor is stopped before the table is re-rooted: its update thread
+// creates elements (through containers that read the new element's path outside the lock),
+// and must not do so while every path is rewritten. startIPC replaces it afterwards.
 void MonitorElementDatabase::init(const std::string& rootName) {
     MonitorElementDatabase& database = getInstance();
+    database.stop();
     database.replaceDefaultRootName(rootName);
     database.startIPC();
 }
@@ -131,7 +140,8 @@ std::uint64_t MonitorElementDatabase::getGlobalElementCount() {
 }
 
 MonitorProcess* MonitorElementDatabase::getProcessMonitor() {
-    return nullptr;
+    Lock lock(m_mutex);
+    return m_processMonitor.get();
 }
 
 // Every node is taken out of the table, re-rooted and put back, so that the table stays
@@ -174,6 +184,26 @@ void MonitorElementDatabase::replaceDefaultRootName(const std::string& root) {
 
 void MonitorElementDatabase::startIPC() {
     stop();
+    auto monitor = std::make_unique<MonitorProcess>();
+    MonitorProcess* started = monitor.get();
+    {
+        Lock lock(m_mutex);
+        m_processMonitor = std::move(monitor);
+    }
+    started->start();
 }
 
-void MonitorElementDatabase::stop() {}
+// The update thread is joined outside the lock: a cycle in progress creates and removes
+// elements, which takes the lock.
+void MonitorElementDatabase::stop() {
+    MonitorProcess* monitor = nullptr;
+    {
+        Lock lock(m_mutex);
+        monitor = m_processMonitor.get();
+    }
+    if (monitor != nullptr) {
+        monitor->stop();
+    }
+    Lock lock(m_mutex);
+    m_processMonitor.reset();
+}

@@ -18,6 +18,7 @@
 #include <boost/thread/recursive_mutex.hpp>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -63,7 +64,9 @@ class TESSEL_API MonitorElementDatabase {
     std::uint64_t getLocalElementCount();
     // Number of elements of the process's one table; equals getLocalElementCount.
     std::uint64_t getGlobalElementCount();
-    // The process metrics publisher, or null while there is none.
+    // The process metrics publisher, or null before init. Valid until the next init or the
+    // end of the process; the observer calls it under the database lock, which init's
+    // replacement also takes.
     MonitorProcess* getProcessMonitor();
 
     // A process-wide recursive mutex kept for host code that expects it; the library itself
@@ -74,7 +77,9 @@ class TESSEL_API MonitorElementDatabase {
     MonitorElementDatabase();
     ~MonitorElementDatabase();
 
+    // Stops the process monitor's update thread, then deletes the monitor under the lock.
     void stop();
+    // stop(), then a new process monitor, started.
     void startIPC();
     void replaceDefaultRootName(const std::string& root);
     static void getBaseName(const std::string& name, std::string& out);
@@ -88,6 +93,8 @@ class TESSEL_API MonitorElementDatabase {
     std::string m_baseName;                             // guarded by m_mutex
     std::unordered_set<const CMonitorElement*> m_live;  // guarded by m_mutex; mapped values
     std::map<std::string, std::uint64_t> m_nameCounts;  // guarded by m_mutex
+    // The process metrics publisher; null until init. Guarded by m_mutex.
+    std::unique_ptr<MonitorProcess> m_processMonitor;
     ElementTable m_elements;                            // guarded by m_mutex
     std::vector<ElementTable::node_type> m_unlisted;    // guarded by m_mutex
     boost::recursive_mutex m_mutex;

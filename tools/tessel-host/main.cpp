@@ -1,9 +1,12 @@
-// tessel-host: the sample host process.
+// tessel-host: the sample station server.
 //
-// Publishes a simulated station feed as monitor elements, updates it from two worker threads
-// (active objects) and prints the element table once a second, until SIGINT or SIGTERM (or the
-// time given with --duration) ends it; then the workers stop, each within its bound, and the
-// process exits cleanly.
+// Sets a host process up in the library's order (log and its configuration watcher, element
+// table with the process metrics, monitor server on the station worker's port and on the
+// machine's host info port), publishes a simulated station feed as monitor elements, updated
+// from two worker threads (active objects), and serves it to operators over Telnet and to
+// monitoring tools over HTTP until SIGINT or SIGTERM (or the time given with --duration) ends
+// it; then the workers stop, each within its bound, the server closes and the process exits
+// cleanly. With --print it also prints the station's elements once a second.
 #include <signal.h>
 
 #include <atomic>
@@ -22,6 +25,7 @@
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
+#include "tessel/monitoring/TelnetServer.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/threads/ActiveObject.h"
 
@@ -126,23 +130,45 @@ class Assessor : public FeedWorker {
 };
 
 int usage() {
-    std::cerr << "usage: tessel-host [--duration SECONDS]\n"
-                 "Publishes a simulated station feed and prints the element table once a\n"
-                 "second until SIGINT or SIGTERM, or for SECONDS seconds.\n";
+    std::cerr << "usage: tessel-host [--duration SECONDS] [--port PORT] [--host-info-port PORT]\n"
+                 "                   [--print]\n"
+                 "Serves a simulated station feed over Telnet and HTTP on the station worker's\n"
+                 "monitor port (default: registry value StationWorkerPort, else 9801) and on\n"
+                 "the host info port (HostInfoPort, else 9800; 0: none) until SIGINT or SIGTERM,\n"
+                 "or for SECONDS seconds. --print prints the station's elements every second.\n";
     return 2;
+}
+
+// A whole non-negative number, or -1.
+long number(const char* text) {
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    return (*text == '\0' || *end != '\0' || value < 0) ? -1 : value;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     long duration = -1;
+    long port = -1;
+    long hostInfoPort = -1;
+    bool print = false;
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--duration") == 0 && i + 1 < argc) {
-            char* end = nullptr;
-            duration = std::strtol(argv[++i], &end, 10);
-            if (*end != '\0' || duration < 0) {
+        const bool hasValue = i + 1 < argc;
+        if (std::strcmp(argv[i], "--duration") == 0 && hasValue) {
+            if ((duration = number(argv[++i])) < 0) {
                 return usage();
             }
+        } else if (std::strcmp(argv[i], "--port") == 0 && hasValue) {
+            if ((port = number(argv[++i])) < 0) {
+                return usage();
+            }
+        } else if (std::strcmp(argv[i], "--host-info-port") == 0 && hasValue) {
+            if ((hostInfoPort = number(argv[++i])) < 0) {
+                return usage();
+            }
+        } else if (std::strcmp(argv[i], "--print") == 0) {
+            print = true;
         } else {
             return usage();
         }
@@ -166,6 +192,26 @@ int main(int argc, char** argv) {
               << dynamic_cast<VelkorLog&>(ILogging::getInstance()).getConfigurationPath()
               << std::endl;
 
+    if (port < 0) {
+        port = CTelnetServer::getPort(StationWorkerPort, 0);
+    }
+    if (hostInfoPort < 0) {
+        hostInfoPort = CTelnetServer::getPort(HostInfoPort, 0);
+    }
+    CTelnetServer server(static_cast<int>(port), static_cast<int>(hostInfoPort));
+    try {
+        server.start();
+    } catch (const std::exception& e) {
+        ILogging::getInstance().log("tessel-host", ILogging::Error,
+                                    std::string("Monitor server not started: ") + e.what());
+        std::cerr << "tessel-host: monitor server not started: " << e.what() << std::endl;
+        VelkorLog::stopConfigurationWatcher();
+        return 1;
+    }
+    std::cout << "Monitor server on port " << port << ", host info port " << hostInfoPort
+              << " (telnet localhost " << port << ", or curl 'http://localhost:" << port
+              << "/?filter=**&format=json')" << std::endl;
+
     {
         StationFeed feed("STA1");
         Receiver receiver(feed);
@@ -174,7 +220,7 @@ int main(int argc, char** argv) {
         assessor.StartThread(__FILE__, __LINE__, "main", 0, nullptr, 0);
 
         TablePrinter printer(std::cout);
-        printer.setFilter("**");
+        printer.setFilter("**station**");
         const auto started = std::chrono::steady_clock::now();
         const timespec second{1, 0};
         while (true) {
@@ -185,7 +231,9 @@ int main(int argc, char** argv) {
                                                              : "SIGTERM received, stopping.");
                 break;
             }
-            MonitorElementDatabase::getInstance().update(printer);
+            if (print) {
+                MonitorElementDatabase::getInstance().update(printer);
+            }
             if (duration >= 0 &&
                 std::chrono::steady_clock::now() - started >= std::chrono::seconds(duration)) {
                 break;

@@ -1,0 +1,128 @@
+#include "tessel/platform/ExecutableVersion.h"
+
+#include <elf.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "tessel/platform/LastError.h"
+
+namespace Tessel::Platform {
+namespace {
+
+constexpr const char* kSectionName = ".tessel_version";
+// A version text longer than this is no version text.
+constexpr std::size_t kMaxSectionSize = 256;
+// The platform's error for a file without a version resource.
+constexpr DWORD kErrorResourceTypeNotFound = 1813;
+
+bool readAt(int fd, void* buffer, std::size_t size, std::uint64_t offset) {
+    auto* bytes = static_cast<char*>(buffer);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t n = ::pread(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+// The contents of the section kSectionName of the ELF file open as fd; false without it.
+bool readVersionSection(int fd, std::string& text) {
+    Elf64_Ehdr header;
+    if (!readAt(fd, &header, sizeof header, 0) ||
+        std::memcmp(header.e_ident, ELFMAG, SELFMAG) != 0 ||
+        header.e_ident[EI_CLASS] != ELFCLASS64 || header.e_shentsize != sizeof(Elf64_Shdr) ||
+        header.e_shnum == 0 || header.e_shstrndx == SHN_UNDEF ||
+        header.e_shstrndx >= header.e_shnum) {
+        return false;
+    }
+    std::vector<Elf64_Shdr> sections(header.e_shnum);
+    if (!readAt(fd, sections.data(), sections.size() * sizeof(Elf64_Shdr), header.e_shoff)) {
+        return false;
+    }
+    const Elf64_Shdr& names = sections[header.e_shstrndx];
+    std::vector<char> nameTable(names.sh_size + 1, '\0');
+    if (!readAt(fd, nameTable.data(), names.sh_size, names.sh_offset)) {
+        return false;
+    }
+    for (const Elf64_Shdr& section : sections) {
+        if (section.sh_name >= names.sh_size ||
+            std::strcmp(nameTable.data() + section.sh_name, kSectionName) != 0) {
+            continue;
+        }
+        if (section.sh_type == SHT_NOBITS || section.sh_size == 0 ||
+            section.sh_size > kMaxSectionSize) {
+            return false;
+        }
+        std::vector<char> contents(section.sh_size + 1, '\0');
+        if (!readAt(fd, contents.data(), section.sh_size, section.sh_offset)) {
+            return false;
+        }
+        text.assign(contents.data());  // up to the first NUL
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+BOOL ParseFileVersion(const char* text, std::uint16_t parts[4]) {
+    if (text == nullptr) {
+        return FALSE;
+    }
+    std::uint16_t parsed[4];
+    const char* p = text;
+    for (int i = 0; i < 4; ++i) {
+        if (i > 0) {
+            if (*p != '.') {
+                return FALSE;
+            }
+            ++p;
+        }
+        if (*p < '0' || *p > '9') {
+            return FALSE;
+        }
+        unsigned long value = 0;
+        while (*p >= '0' && *p <= '9') {
+            value = value * 10 + static_cast<unsigned long>(*p - '0');
+            if (value > 0xFFFF) {
+                return FALSE;
+            }
+            ++p;
+        }
+        parsed[i] = static_cast<std::uint16_t>(value);
+    }
+    if (*p != '\0') {
+        return FALSE;
+    }
+    std::memcpy(parts, parsed, sizeof parsed);
+    return TRUE;
+}
+
+BOOL GetExecutableFileVersion(std::uint16_t parts[4]) {
+    const int fd = ::open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    std::string text;
+    const bool found = readVersionSection(fd, text);
+    ::close(fd);
+    if (!found || !ParseFileVersion(text.c_str(), parts)) {
+        SetLastError(kErrorResourceTypeNotFound);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+}  // namespace Tessel::Platform

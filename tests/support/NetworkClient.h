@@ -1,0 +1,85 @@
+// Real network counterparts for the monitor server's tests: a blocking TCP client on the
+// loopback address, a free port, a program run with its output captured, and a second process
+// that is started with pipes and killed at the end.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace TesselTest {
+
+using std::chrono::milliseconds;
+
+// A TCP connection to 127.0.0.1:port. Reads collect into a buffer; each read operation
+// returns and consumes the buffer.
+class TcpClient {
+  public:
+    // Connects; throws std::runtime_error when the connection is refused.
+    explicit TcpClient(int port);
+    ~TcpClient();
+    TcpClient(const TcpClient&) = delete;
+    TcpClient& operator=(const TcpClient&) = delete;
+
+    // Writes all of data; false when the write failed.
+    bool send(const std::string& data);
+    // Reads until the received text contains marker, the peer closes or timeout passes.
+    std::string readUntil(const std::string& marker, milliseconds timeout);
+    // Reads whatever arrives within timeout.
+    std::string readFor(milliseconds timeout);
+    // Reads until the peer closes or timeout passes.
+    std::string readToEnd(milliseconds timeout);
+    // Reads one HTTP response: the head, then Content-Length bytes of body.
+    std::string readHttpResponse(milliseconds timeout);
+    // True once a read has seen the peer's end of the stream.
+    bool peerClosed() const { return m_closed; }
+    // Ends the sending direction (the server sees end of input).
+    void shutdownWrite();
+
+  private:
+    // One read of what is there, waiting up to timeout; false on end of stream or time-out.
+    bool readSome(milliseconds timeout);
+    std::string take(std::size_t length);
+
+    int m_fd = -1;
+    bool m_closed = false;
+    std::string m_buffer;
+};
+
+// A TCP port of the loopback address that was free a moment ago.
+int FreeTcpPort();
+
+// Runs a shell command line and returns its standard output; *status gets the exit status.
+std::string RunCaptured(const std::string& command, int* status = nullptr);
+
+// The body of an HTTP response (what follows the empty line), or "" without one.
+std::string HttpBody(const std::string& response);
+
+// A second process started with posix_spawn, with its standard input and output on pipes.
+// The destructor closes its input, and kills it if it has not ended within two seconds.
+class ChildProcess {
+  public:
+    explicit ChildProcess(const std::vector<std::string>& argv);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const { return m_pid; }
+    // One line of its standard output without the line end, or "" at its end or after timeout.
+    std::string readLine(milliseconds timeout);
+    // Closes its standard input and waits for its end; returns the exit status.
+    int finish();
+
+  private:
+    pid_t m_pid = -1;
+    int m_in = -1;
+    int m_out = -1;
+    std::string m_buffer;
+};
+
+// Resident memory of a process in bytes, from /proc/<pid>/statm.
+long long ResidentBytes(pid_t pid);
+
+}  // namespace TesselTest
