@@ -95,7 +95,7 @@ class TESSEL_API MonitorElementDatabase {
     std::map<std::string, std::uint64_t> m_nameCounts;  // guarded by m_mutex
     // The process metrics publisher; null until init. Guarded by m_mutex.
     std::unique_ptr<MonitorProcess> m_processMonitor;
-    ElementTable m_elements;                            // guarded by m_mutex
-    std::vector<ElementTable::node_type> m_unlisted;    // guarded by m_mutex
+    ElementTable m_elements;                          // guarded by m_mutex
+    std::vector<ElementTable::node_type> m_unlisted;  // guarded by m_mutex
     boost::recursive_mutex m_mutex;
 };

@@ -26,8 +26,13 @@
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
 #include "tessel/monitoring/TelnetServer.h"
+#include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/Handle.h"
+#include "tessel/supervision/WatchdogClient.h"
 #include "tessel/threads/ActiveObject.h"
+
+// The file version that ProcessInfo/Stats/ApplicationVersionNumber shows.
+TESSEL_EXECUTABLE_VERSION("0.1.0.1")
 
 namespace {
 
@@ -191,6 +196,13 @@ int main(int argc, char** argv) {
               << ", configured by "
               << dynamic_cast<VelkorLog&>(ILogging::getInstance()).getConfigurationPath()
               << std::endl;
+
+    // The watchdog, when its program is installed, supervises the process from here on.
+    CWatchdogClient watchdog;
+    if (watchdog.CreateWatchdog(0, 10000, 60000, 0) == 0) {
+        ILogging::getInstance().log("tessel-host", ILogging::Info,
+                                    "No watchdog: running unsupervised.");
+    }
 
     if (port < 0) {
         port = CTelnetServer::getPort(StationWorkerPort, 0);
