@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/ParkedThread.h"
 #include "tessel/host/Registry.h"
 #include "tessel/host/TempDirectory.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
@@ -44,6 +45,8 @@ class MonitorProcessTestAccess {
 };
 
 namespace {
+
+using TesselTest::ParkedThread;
 
 struct Seen {
     double value;
@@ -148,56 +151,6 @@ double upTime() {
     const Seen* seen = processElement(all, "ProcessInfo/Stats/UpTime");
     return seen == nullptr ? -1.0 : seen->value;
 }
-
-// A thread that waits in a known function until released.
-class ParkedThread {
-  public:
-    explicit ParkedThread(bool blockTraceSignal = false) : m_block(blockTraceSignal) {
-        m_thread = std::thread([this] { run(); });
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_id != 0; });
-    }
-    ~ParkedThread() { release(); }
-
-    long id() const { return m_id; }
-
-    void release() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_released = true;
-        }
-        m_changed.notify_all();
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-
-  private:
-    void run() {
-        if (m_block) {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, Tessel::Platform::GetStackTraceSignal());
-            pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        }
-        waitingInAKnownPlace();
-    }
-
-    __attribute__((noinline)) void waitingInAKnownPlace() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_id = threadId();
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return m_released; });
-        asm volatile("" ::: "memory");
-    }
-
-    const bool m_block;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    long m_id = 0;
-    bool m_released = false;
-    std::thread m_thread;
-};
 
 // --- the element tree ---
 
@@ -570,7 +523,7 @@ TEST(MonitorProcess, StackTraceOfAParkedThreadNamesItsFunction) {
     expectWellFormed(text);
     // The frame of the known function, with its file and line; its name has no blanks
     // ("(anonymous namespace)" loses its blank too).
-    const std::string name = "  (anonymousnamespace)::ParkedThread::waitingInAKnownPlace() --> ";
+    const std::string name = "  TesselTest::ParkedThread::waitingInAKnownPlace() --> ";
     bool found = false;
     for (const std::string& line : traceLines(text)) {
         const std::size_t at = line.find(name);
@@ -581,7 +534,7 @@ TEST(MonitorProcess, StackTraceOfAParkedThreadNamesItsFunction) {
         const std::string file = line.substr(at + name.size());
         const std::size_t colon = file.rfind(':');
         ASSERT_NE(colon, std::string::npos) << line;
-        EXPECT_NE(file.find("MonitorProcessTest.cpp"), std::string::npos) << line;
+        EXPECT_NE(file.find("ParkedThread.cpp"), std::string::npos) << line;
         EXPECT_TRUE(allDigits(file.substr(colon + 1))) << line;
     }
     EXPECT_TRUE(found) << text;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -142,6 +143,8 @@ TEST(TelnetServerLoad, SlowManyHttpClientsBesideRepeatingSessions) {
         }
         std::this_thread::sleep_for(milliseconds(100));
     }
+    std::cout << "server resident memory: " << (residentAtStart >> 10) << " KiB at start, "
+              << (resident >> 10) << " KiB after the load" << std::endl;
     EXPECT_LT(resident - residentAtStart, 20LL << 20)
         << "at start " << residentAtStart << ", at end " << resident;
     EXPECT_EQ(peer->finish(), 0);

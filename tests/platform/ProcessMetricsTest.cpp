@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ParkedThread.h"
 #include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/StackTrace.h"
 
@@ -32,6 +33,8 @@ TESSEL_EXECUTABLE_VERSION("3.14.15.9265")
 using namespace Tessel::Platform;
 
 namespace {
+
+using TesselTest::ParkedThread;
 
 long threadId() {
     return static_cast<long>(::syscall(SYS_gettid));
@@ -55,63 +58,6 @@ std::string readLine(const std::string& file) {
     std::getline(in, line);
     return line;
 }
-
-// A thread that waits in a known function until released, and tells its id.
-class ParkedThread {
-  public:
-    explicit ParkedThread(bool blockTraceSignal = false) : m_block(blockTraceSignal) {
-        m_thread = std::thread([this] { run(); });
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_changed.wait(lock, [this] { return m_id != 0; });
-    }
-    ~ParkedThread() { release(); }
-
-    long id() const { return m_id; }
-
-    // Lets the thread run on: it unblocks the signal (if it blocked it) and ends.
-    void release() {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_released = true;
-        }
-        m_changed.notify_all();
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-
-  private:
-    void run() {
-        if (m_block) {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, GetStackTraceSignal());
-            pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        }
-        parkedInAKnownFunction();
-        if (m_block) {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, GetStackTraceSignal());
-            pthread_sigmask(SIG_UNBLOCK, &set, nullptr);  // a pending signal comes now
-        }
-    }
-
-    __attribute__((noinline)) void parkedInAKnownFunction() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_id = threadId();
-        m_changed.notify_all();
-        m_changed.wait(lock, [this] { return m_released; });
-        asm volatile("" ::: "memory");  // keeps the frame from becoming a tail call
-    }
-
-    const bool m_block;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    long m_id = 0;
-    bool m_released = false;
-    std::thread m_thread;
-};
 
 // After a join the kernel may list the thread for a moment longer; waits until it does not
 // (for at most 20 s, a safety net).
@@ -441,14 +387,14 @@ TEST(StackTrace, AParkedThreadShowsTheFunctionItWaitsIn) {
     const std::vector<StackFrameInfo> frames = DescribeStack(addresses);
     ASSERT_EQ(frames.size(), addresses.size());
     const std::string all = names(frames);
-    EXPECT_NE(all.find("parkedInAKnownFunction"), std::string::npos) << all;
+    EXPECT_NE(all.find("waitingInAKnownPlace"), std::string::npos) << all;
     // None of the signal handler's own frames is shown.
     EXPECT_EQ(all.find("onTraceSignal"), std::string::npos) << all;
     EXPECT_EQ(all.find("collectFrame"), std::string::npos) << all;
     EXPECT_EQ(all.find("CaptureThreadStack"), std::string::npos) << all;
     // The frame of the known function has its file and line.
     const auto known = std::find_if(frames.begin(), frames.end(), [](const StackFrameInfo& f) {
-        return f.name.find("parkedInAKnownFunction") != std::string::npos;
+        return f.name.find("waitingInAKnownPlace") != std::string::npos;
     });
     ASSERT_NE(known, frames.end());
     // The file is that of the innermost source line at the return address: this file, or a
@@ -491,13 +437,11 @@ TEST(StackTrace, AThreadThatBlocksTheSignalTimesOutAndALateAnswerChangesNothing)
         // The next request goes to another thread while the first signal is still pending.
         ParkedThread other;
         ASSERT_TRUE(CaptureThreadStack(::getpid(), other.id(), addresses));
-        EXPECT_NE(names(DescribeStack(addresses)).find("parkedInAKnownFunction"),
-                  std::string::npos);
+        EXPECT_NE(names(DescribeStack(addresses)).find("waitingInAKnownPlace"), std::string::npos);
         // The blocking thread takes its signal now, late: its handler finds no request.
         blocking.release();
         ASSERT_TRUE(CaptureThreadStack(::getpid(), other.id(), addresses));
-        EXPECT_NE(names(DescribeStack(addresses)).find("parkedInAKnownFunction"),
-                  std::string::npos);
+        EXPECT_NE(names(DescribeStack(addresses)).find("waitingInAKnownPlace"), std::string::npos);
     }
 }
 
@@ -509,8 +453,7 @@ TEST(StackTrace, ConcurrentRequestsEachGetTheirOwnThread) {
         for (int i = 0; i < 20; ++i) {
             std::vector<std::uintptr_t> addresses;
             if (!CaptureThreadStack(::getpid(), id, addresses) ||
-                names(DescribeStack(addresses)).find("parkedInAKnownFunction") ==
-                    std::string::npos) {
+                names(DescribeStack(addresses)).find("waitingInAKnownPlace") == std::string::npos) {
                 ++failures;
             }
         }
