@@ -264,6 +264,22 @@ TEST_F(TelnetServerTest, HttpJsonRequestWithCurlGetsTheTableWithoutBanner) {
     EXPECT_EQ(body["Stn/2/Feed/Epochs"][1], "");
 }
 
+// The request line cancels the banner: the response comes alone, and nothing follows it.
+TEST_F(TelnetServerTest, RequestWithCrLfIsAnsweredAtTheEmptyLineAndNoBannerFollows) {
+    element("Top", "", 5);
+    TcpClient client(port);
+    client.send("GET /?filter=*&format=json HTTP/1.1\r\nHost: localhost\r\n");
+    EXPECT_EQ(client.readFor(milliseconds(300)), "");
+    client.send("\r\n");
+    const std::string response = client.readHttpResponse(milliseconds(5000));
+    EXPECT_EQ(response.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << response;
+    // A trailing star matches whatever remains of a path: every element.
+    const nlohmann::json body = nlohmann::json::parse(HttpBody(response));
+    EXPECT_EQ(body.size(), 5u);
+    EXPECT_EQ(body["Top"][0], "5");
+    EXPECT_EQ(client.readFor(milliseconds(1500)), "");
+}
+
 TEST_F(TelnetServerTest, HttpResponseHeadIsExactAndLengthMatchesTheBody) {
     const std::string response =
         request("GET /?filter=stn/2/**&format=json HTTP/1.1\r\nHost: x\r\n\r\n");
