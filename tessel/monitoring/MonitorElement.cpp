@@ -74,8 +74,8 @@ CMonitorElement::CMonitorElement(const std::string& name, const std::string& uni
 
 CMonitorElement::CMonitorElement(const CMonitorElement& other)
     : m_value(0),
-      m_llStartTime(other.m_llStartTime),
-      m_llStopTime(other.m_llStopTime),
+      m_llStartTime(other.m_llStartTime.load(std::memory_order_relaxed)),
+      m_llStopTime(other.m_llStopTime.load(std::memory_order_relaxed)),
       m_identifier(other.m_identifier) {
     std::memcpy(m_szUnit, other.m_szUnit, sizeof m_szUnit);
     m_value.exchange(other.m_value.load(std::memory_order_relaxed), std::memory_order_relaxed);
@@ -86,8 +86,10 @@ CMonitorElement CMonitorElement::operator=(const CMonitorElement& other) {
         m_identifier = other.m_identifier;
         std::memcpy(m_szUnit, other.m_szUnit, sizeof m_szUnit);
         m_value.exchange(other.m_value.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        m_llStartTime = other.m_llStartTime;
-        m_llStopTime = other.m_llStopTime;
+        m_llStartTime.store(other.m_llStartTime.load(std::memory_order_relaxed),
+                            std::memory_order_relaxed);
+        m_llStopTime.store(other.m_llStopTime.load(std::memory_order_relaxed),
+                           std::memory_order_relaxed);
     }
     return *this;
 }
@@ -157,18 +159,21 @@ void CMonitorElement::setRatio(double part, double whole) {
 }
 
 void CMonitorElement::start() {
-    m_llStartTime = Tessel::Platform::GetSystemTimeTicks();
+    m_llStartTime.store(Tessel::Platform::GetSystemTimeTicks(), std::memory_order_relaxed);
 }
 
 void CMonitorElement::stop() {
-    m_llStopTime = Tessel::Platform::GetSystemTimeTicks();
-    set(static_cast<double>(m_llStopTime - m_llStartTime) / 10000000.0);
+    const std::int64_t stopTime = Tessel::Platform::GetSystemTimeTicks();
+    m_llStopTime.store(stopTime, std::memory_order_relaxed);
+    set(static_cast<double>(stopTime - m_llStartTime.load(std::memory_order_relaxed)) / 10000000.0);
 }
 
 void CMonitorElement::synchronize(CMonitorElement& other) {
     set(other.get());
-    m_llStartTime = other.m_llStartTime;
-    m_llStopTime = other.m_llStopTime;
+    m_llStartTime.store(other.m_llStartTime.load(std::memory_order_relaxed),
+                        std::memory_order_relaxed);
+    m_llStopTime.store(other.m_llStopTime.load(std::memory_order_relaxed),
+                       std::memory_order_relaxed);
 }
 
 double CMonitorElement::get() const {
@@ -176,7 +181,9 @@ double CMonitorElement::get() const {
 }
 
 double CMonitorElement::getTimeDiffFromStart() const {
-    return static_cast<double>(Tessel::Platform::GetSystemTimeTicks() - m_llStartTime) / 10000000.0;
+    return static_cast<double>(Tessel::Platform::GetSystemTimeTicks() -
+                               m_llStartTime.load(std::memory_order_relaxed)) /
+           10000000.0;
 }
 
 std::string CMonitorElement::getPathElement(unsigned char index) const {

@@ -16,9 +16,10 @@
 //
 // Thread safety: the value is the only member touched concurrently. Writes use an atomic
 // exchange or a compare-and-swap loop on the double's 64-bit word, and get() is a plain
-// aligned load; no operation takes a lock or allocates. The start and stop times belong to
-// one thread at a time. Identifier and unit are written only by the constructors and by
-// setRootName, which the element database runs under its lock.
+// aligned load; no operation takes a lock or allocates. The start and stop times are
+// relaxed atomic words: one thread at a time sets them (a publisher refreshing a heartbeat),
+// while a monitor pass may copy the element at any moment. Identifier and unit are written only by
+// the constructors and by setRootName, which the element database runs under its lock.
 #pragma once
 
 #include <atomic>
@@ -141,9 +142,9 @@ class TESSEL_API CMonitorElement {
     void printNumber(std::ostream& stream, int width) const;
     void add(double delta);
 
-    std::atomic<std::uint64_t> m_value;  // the double's bits
-    std::int64_t m_llStartTime;
-    std::int64_t m_llStopTime;
+    std::atomic<std::uint64_t> m_value;       // the double's bits
+    std::atomic<std::int64_t> m_llStartTime;  // relaxed: a pass may copy while it is set
+    std::atomic<std::int64_t> m_llStopTime;
     mutable CMonitorElementIdentifier m_identifier;
     char m_szUnit[MAX_UNIT_SIZE + 1];
 };

@@ -8,6 +8,8 @@
 #include <string>
 #include <thread>
 
+#include <unistd.h>
+
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
 
@@ -259,6 +261,27 @@ TEST(MonitorElementObserver, BacktraceWithoutProcessMonitorWritesOnlyTheClosingT
     element("Obs/7/Threads/8/Load", "%", 1);
     EXPECT_EQ(Observed(Mode::Backtrace, "obs/7/threads/*/load").pass(),
               "\r\n1 record(s) found\r\n");
+}
+
+}  // namespace
+
+namespace {
+
+// The process monitor's heartbeat and uptime feed the List overview of the process itself,
+// while its update thread keeps refreshing them.
+TEST(MonitorElementObserver, ListShowsTheOwnProcessUpWhileItsMonitorRuns) {
+    MonitorElementDatabase::init("LiveList");
+    const std::string process = "LiveList/" + std::to_string(::getpid());
+    std::string last;
+    bool up = false;
+    for (int i = 0; i < 300 && !up; ++i) {
+        last = Observed(Mode::List, "*").pass();
+        const std::size_t at = last.find(process);
+        up = at != std::string::npos && last.find("[ UP ]", at) != std::string::npos;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_TRUE(up) << last;
+    EXPECT_NE(last.find("Server/Stats/Processors"), std::string::npos) << last;
 }
 
 }  // namespace
