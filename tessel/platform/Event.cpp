@@ -27,8 +27,6 @@
 // to threads that wait for any object first.
 #include "tessel/platform/Event.h"
 
-#include <pthread.h>
-
 #include <cstdint>
 #include <mutex>
 #include <new>
@@ -37,6 +35,7 @@
 
 #include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/NameTable.h"
 
 namespace Tessel::Platform {
 namespace {
@@ -45,32 +44,10 @@ constexpr std::uint64_t kAnyWaiter = UINT64_MAX;
 
 class EventObject;
 
-// Named events of this process, by name; guarded by its lock, as are the reference counts of
-// the named events in it.
-struct EventNames {
-    std::mutex lock;
-    std::unordered_map<std::string, EventObject*> byName;
-};
+using EventNames = NameTable<EventObject>;
 
 EventNames& eventNames() {
-    static EventNames* names = new EventNames;
-    return *names;
-}
-
-// The table's lock is held across fork(), so that the child does not inherit it held by a
-// thread that does not exist there.
-void lockNamesForFork() {
-    eventNames().lock.lock();
-}
-
-void unlockNamesAfterFork() {
-    eventNames().lock.unlock();
-}
-
-void registerForkHandlers() {
-    static const int registered =
-        ::pthread_atfork(&lockNamesForFork, &unlockNamesAfterFork, &unlockNamesAfterFork);
-    (void)registered;
+    return EventNames::instance();
 }
 
 class EventObject final : public Waitable {
@@ -308,7 +285,6 @@ HANDLE CreateEventA(SECURITY_ATTRIBUTES* /*attributes*/, BOOL manualReset, BOOL 
         return handle;
     }
 
-    registerForkHandlers();
     EventNames& names = eventNames();
     EventObject* event = nullptr;
     bool existed = false;

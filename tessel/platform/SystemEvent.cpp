@@ -6,7 +6,6 @@
 // second CreateEventA shares the event on the platform.
 #include "tessel/platform/SystemEvent.h"
 
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,38 +19,17 @@
 #include "tessel/platform/AbstractSocket.h"
 #include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/NameTable.h"
 
 namespace Tessel::Platform {
 namespace {
 
 class SystemEventObject;
 
-// The system events that this process holds, by name; guarded by its lock, as are the
-// reference counts of the events in it.
-struct SystemEventNames {
-    std::mutex lock;
-    std::unordered_map<std::string, SystemEventObject*> byName;
-};
+using SystemEventNames = NameTable<SystemEventObject>;
 
 SystemEventNames& systemEventNames() {
-    static SystemEventNames* names = new SystemEventNames;
-    return *names;
-}
-
-// The table's lock is held across fork(), so that the child does not inherit it held by a
-// thread that does not exist there.
-void lockNamesForFork() {
-    systemEventNames().lock.lock();
-}
-
-void unlockNamesAfterFork() {
-    systemEventNames().lock.unlock();
-}
-
-void registerForkHandlers() {
-    static const int registered =
-        ::pthread_atfork(&lockNamesForFork, &unlockNamesAfterFork, &unlockNamesAfterFork);
-    (void)registered;
+    return SystemEventNames::instance();
 }
 
 class SystemEventObject final : public Waitable {
@@ -179,7 +157,6 @@ HANDLE CreateSystemEvent(const char* name) {
         return nullptr;
     }
 
-    registerForkHandlers();
     SystemEventNames& names = systemEventNames();
     SystemEventObject* event = nullptr;
     bool existed = false;
