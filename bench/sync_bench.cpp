@@ -48,39 +48,31 @@ BENCHMARK(CriticalSection_EnterLeave);
 
 // --- the guards, reached through the interface ---
 
-void CriticalSectionSyncGuard_LockUnlockWrite(benchmark::State& state) {
-    auto owner = std::make_unique<CCriticalSectionSyncGuard>();
+// One lock and unlock of a new Guard per iteration, through ISyncGuard.
+template <class Guard>
+void lockUnlock(benchmark::State& state, bool write) {
+    auto owner = std::make_unique<Guard>();
     ISyncGuard* guard = owner.get();
     benchmark::DoNotOptimize(guard);
     for (auto _ : state) {
-        guard->LockWrite();
+        write ? guard->LockWrite() : guard->LockRead();
         benchmark::ClobberMemory();
-        guard->UnlockWrite();
+        write ? guard->UnlockWrite() : guard->UnlockRead();
     }
+}
+
+void CriticalSectionSyncGuard_LockUnlockWrite(benchmark::State& state) {
+    lockUnlock<CCriticalSectionSyncGuard>(state, true);
 }
 BENCHMARK(CriticalSectionSyncGuard_LockUnlockWrite);
 
 void ReaderWriterSyncGuard_LockUnlockRead(benchmark::State& state) {
-    auto owner = std::make_unique<CReaderWriterSyncGuard>();
-    ISyncGuard* guard = owner.get();
-    benchmark::DoNotOptimize(guard);
-    for (auto _ : state) {
-        guard->LockRead();
-        benchmark::ClobberMemory();
-        guard->UnlockRead();
-    }
+    lockUnlock<CReaderWriterSyncGuard>(state, false);
 }
 BENCHMARK(ReaderWriterSyncGuard_LockUnlockRead);
 
 void ReaderWriterSyncGuard_LockUnlockWrite(benchmark::State& state) {
-    auto owner = std::make_unique<CReaderWriterSyncGuard>();
-    ISyncGuard* guard = owner.get();
-    benchmark::DoNotOptimize(guard);
-    for (auto _ : state) {
-        guard->LockWrite();
-        benchmark::ClobberMemory();
-        guard->UnlockWrite();
-    }
+    lockUnlock<CReaderWriterSyncGuard>(state, true);
 }
 BENCHMARK(ReaderWriterSyncGuard_LockUnlockWrite);
 
