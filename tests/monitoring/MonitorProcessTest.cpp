@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/NetworkClient.h"
 #include "support/ParkedThread.h"
 #include "tessel/host/Registry.h"
 #include "tessel/host/TempDirectory.h"
@@ -435,23 +436,7 @@ TEST(MonitorProcess, LoopbackDeviceIsPublishedWithItsMtuAndTraffic) {
     MonitorProcessTestAccess::updateOnce(monitor);
     const double uploadBefore = serverElement(snapshot(), device + "Upload")->value;
     // 200 kB over the loopback device.
-    const int receiver = ::socket(AF_INET, SOCK_DGRAM, 0);
-    const int sender = ::socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const int size = 1 << 20;
-    ::setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    const std::vector<char> payload(10240, 'x');
-    for (int i = 0; i < 20; ++i) {
-        ::sendto(sender, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr*>(&address),
-                 sizeof address);
-    }
-    ::close(sender);
-    ::close(receiver);
+    ASSERT_TRUE(TesselTest::SendOverLoopback(10240, 20));
     MonitorProcessTestAccess::updateOnce(monitor);
     all = snapshot();
     std::ifstream mtu("/sys/class/net/lo/mtu");

@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/NetworkClient.h"
 #include "support/ParkedThread.h"
 #include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/StackTrace.h"
@@ -300,24 +301,7 @@ TEST(ProcessMetrics, LoopbackIsInTheTableAndCountsItsOctets) {
     EXPECT_EQ(before.dwMtu, static_cast<DWORD>(std::stoul(readLine("/sys/class/net/lo/mtu"))));
 
     // Send 20,000 bytes of UDP payload over the loopback device.
-    const int receiver = ::socket(AF_INET, SOCK_DGRAM, 0);
-    const int sender = ::socket(AF_INET, SOCK_DGRAM, 0);
-    ASSERT_GE(receiver, 0);
-    ASSERT_GE(sender, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const std::vector<char> payload(10000, 'x');
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(::sendto(sender, payload.data(), payload.size(), 0,
-                           reinterpret_cast<sockaddr*>(&address), sizeof address),
-                  static_cast<ssize_t>(payload.size()));
-    }
-    ::close(sender);
-    ::close(receiver);
+    ASSERT_TRUE(TesselTest::SendOverLoopback(10000, 2));
 
     MIB_IFROW after;
     after.dwIndex = index;

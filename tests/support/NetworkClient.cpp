@@ -155,6 +155,29 @@ int FreeTcpPort() {
     return ntohs(address.sin_port);
 }
 
+bool SendOverLoopback(std::size_t size, int count) {
+    const int receiver = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int sender = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    bool sent = receiver >= 0 && sender >= 0 &&
+                ::bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+                ::getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+    const int buffer = 1 << 20;
+    ::setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
+    const std::string payload(size, 'x');
+    for (int i = 0; sent && i < count; ++i) {
+        sent = ::sendto(sender, payload.data(), payload.size(), 0,
+                        reinterpret_cast<sockaddr*>(&address),
+                        sizeof(address)) == static_cast<ssize_t>(payload.size());
+    }
+    ::close(sender);
+    ::close(receiver);
+    return sent;
+}
+
 std::string RunCaptured(const std::string& command, int* status) {
     std::string output;
     FILE* pipe = ::popen(command.c_str(), "r");

@@ -51,6 +51,10 @@ class TcpClient {
 // A TCP port of the loopback address that was free a moment ago.
 int FreeTcpPort();
 
+// Sends count UDP datagrams of size bytes each over the loopback device to a receiver of its
+// own (which discards them); true if every datagram was sent.
+bool SendOverLoopback(std::size_t size, int count);
+
 // Runs a shell command line and returns its standard output; *status gets the exit status.
 std::string RunCaptured(const std::string& command, int* status = nullptr);
 
