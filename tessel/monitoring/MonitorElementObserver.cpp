@@ -215,13 +215,16 @@ CMonitorElementObserver::HistoryRecord& CMonitorElementObserver::processEntry(
 }
 
 void CMonitorElementObserver::renderList(const CMonitorElement& element) {
-    if (element.match("**processinfo**uptime")) {
+    static const std::string upTime = "**processinfo**uptime";
+    static const std::string server = "Server/*";
+    static const std::string heartBeat = "**processinfo**heartbeat";
+    if (element.match(upTime)) {
         processEntry(element).first = element;
-    } else if (element.match("Server/*")) {
+    } else if (element.match(server)) {
         HistoryRecord& record = m_history[element];
         record = HistoryRecord();
         record.first = element;
-    } else if (element.match("**processinfo**heartbeat")) {
+    } else if (element.match(heartBeat)) {
         processEntry(element).second = element;
     }
 }
