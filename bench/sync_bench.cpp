@@ -7,10 +7,10 @@
 #include <thread>
 
 #include "support/RatioReporter.h"
+#include "tessel/base/CriticalSectionSyncGuard.h"
+#include "tessel/base/ISyncGuard.h"
+#include "tessel/base/ReaderWriterSyncGuard.h"
 #include "tessel/platform/CriticalSection.h"
-#include "tessel/threads/CriticalSectionSyncGuard.h"
-#include "tessel/threads/ISyncGuard.h"
-#include "tessel/threads/ReaderWriterSyncGuard.h"
 
 namespace {
 

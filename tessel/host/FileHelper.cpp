@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tessel/logging/ILogging.h"
+#include "tessel/platform/Diagnostics.h"
 #include "tessel/platform/FileFind.h"
 
 namespace {
@@ -36,9 +36,8 @@ bool directoryCreate(const char* path, const char* category) {
             return true;
         }
         if (error) {
-            ILogging::getInstance().log(
-                category, ILogging::Error,
-                fmt::format("Failed to create {} : {}", path, error.message()));
+            Tessel::Platform::ReportError(
+                category, fmt::format("Failed to create {} : {}", path, error.message()));
         }
         return false;
     }
@@ -65,8 +64,8 @@ bool directoryCreate(const char* path, const char* category) {
         if (Tessel::Platform::_mkdir(prefix.c_str()) != 0) {
             const int error = errno;
             if (error != 0 && error != EEXIST && level + 1 == ends.size()) {
-                ILogging::getInstance().log(
-                    category, ILogging::Error,
+                Tessel::Platform::ReportError(
+                    category,
                     fmt::format("Failed to create dir \"{}\" with error {}", prefix, error));
                 return false;
             }

@@ -5,12 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tessel/base/TimeFunctions.h"
 #include "tessel/host/Util.h"
-#include "tessel/logging/ILogging.h"
 #include "tessel/platform/CheckedPrint.h"
+#include "tessel/platform/Diagnostics.h"
 #include "tessel/platform/ErrorText.h"
 #include "tessel/platform/Handle.h"
-#include "tessel/threads/TimeFunctions.h"
 
 using namespace Tessel::Platform;
 
@@ -177,11 +177,10 @@ int Get(const std::string& key, const std::string& name, unsigned char* buffer,
     if (rc == ERROR_SUCCESS) {
         return 1;
     }
-    ILogging& log = ILogging::getInstance();
-    if (log.shouldLogLevel(ILogging::Trace)) {
-        log.log("REG::Get", ILogging::Trace,
-                "REG::Get(BYTE),(" + key + ", " + name +
-                    ")failed: " + errorText(static_cast<DWORD>(rc)));
+    if (IsReported(ReportLevel::Trace)) {
+        Report(ReportLevel::Trace, "REG::Get",
+               "REG::Get(BYTE),(" + key + ", " + name +
+                   ")failed: " + errorText(static_cast<DWORD>(rc)));
     }
     return 0;
 }
@@ -327,10 +326,9 @@ bool Write(const std::string& key, const std::string& name, const unsigned char*
     if (rc == ERROR_SUCCESS) {
         return true;
     }
-    ILogging& log = ILogging::getInstance();
-    if (log.shouldLogLevel(ILogging::Trace)) {
-        log.log("REG::Write", ILogging::Trace,
-                "REG::Write(BYTE) - " + errorText(static_cast<DWORD>(rc)));
+    if (IsReported(ReportLevel::Trace)) {
+        Report(ReportLevel::Trace, "REG::Write",
+               "REG::Write(BYTE) - " + errorText(static_cast<DWORD>(rc)));
     }
     return false;
 }

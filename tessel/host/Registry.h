@@ -25,8 +25,8 @@
 #include <vector>
 
 #include "tessel/Export.h"
+#include "tessel/base/Event.h"
 #include "tessel/platform/Registry.h"
-#include "tessel/threads/Event.h"
 
 namespace REG {
 

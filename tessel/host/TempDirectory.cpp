@@ -2,11 +2,11 @@
 
 #include <new>
 
+#include "tessel/base/CriticalSectionSyncGuard.h"
+#include "tessel/base/ReadWriteLock.h"
 #include "tessel/host/Registry.h"
 #include "tessel/platform/CheckedPrint.h"
 #include "tessel/platform/FileFind.h"
-#include "tessel/threads/CriticalSectionSyncGuard.h"
-#include "tessel/threads/ReadWriteLock.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include <thread>
 
 #include "tessel/Export.h"
-#include "tessel/threads/Handle.h"
+#include "tessel/base/Handle.h"
 
 class TESSEL_API ConfigFileWatcher {
   public:

@@ -2,11 +2,11 @@
 
 #include <map>
 
+#include "tessel/base/ReadWriteLock.h"
+#include "tessel/base/ReaderWriterSyncGuard.h"
 #include "tessel/logging/TraceUtil.h"
 #include "tessel/platform/CheckedPrint.h"
 #include "tessel/platform/Process.h"
-#include "tessel/threads/ReadWriteLock.h"
-#include "tessel/threads/ReaderWriterSyncGuard.h"
 
 namespace {
 

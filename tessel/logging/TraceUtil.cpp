@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "tessel/base/TimeFunctions.h"
 #include "tessel/logging/ILogging.h"
 #include "tessel/platform/CheckedPrint.h"
 #include "tessel/platform/DebugOutput.h"
@@ -19,7 +20,6 @@
 #include "tessel/platform/Process.h"
 #include "tessel/platform/Registry.h"
 #include "tessel/platform/Thread.h"
-#include "tessel/threads/TimeFunctions.h"
 
 using namespace Tessel::Platform;
 
@@ -42,18 +42,6 @@ struct TraceSettings {
 TraceSettings& settings() {
     static TraceSettings* const traceSettings = new TraceSettings();  // lives with the process
     return *traceSettings;
-}
-
-// Joins prefix and text into a block of its own and hands it to the debugger output.
-void output(const char* prefix, const char* text) {
-    const std::size_t length = std::strlen(prefix) + std::strlen(text) + 1;
-    char* joined = static_cast<char*>(std::malloc(length));
-    if (joined == nullptr) {
-        return;
-    }
-    sprintf_s(joined, length, "%s%s", prefix, text);
-    OutputDebugStringA(joined);
-    std::free(joined);
 }
 
 void logError(const char* category, const std::string& text, unsigned long code) {
@@ -128,7 +116,7 @@ void CTraceUtil::OutputString(unsigned int category, const char* text) {
     _snprintf_s(prefix, sizeof prefix, _TRUNCATE,
                 "%d/%d %s: ", static_cast<int>(GetCurrentProcessId()),
                 static_cast<int>(GetCurrentThreadId()), TIME::GetCurrentDateTimeAsString().c_str());
-    output(prefix, text);
+    OutputDebugStrings(prefix, text);
 }
 
 void CTraceUtil::OutputStringEx(unsigned int category, const char* format, std::va_list arguments) {
@@ -148,11 +136,7 @@ void CTraceUtil::OutputCurrentProcessHandleCount(unsigned int category) {
 }
 
 void CTraceUtil::DebugString(const char* format, std::va_list arguments) {
-    char name[kTextSize] = {};
-    char text[kTextSize] = {};
-    GetExeName(name, sizeof name);
-    _vsnprintf_s(text, sizeof text, _TRUNCATE, format, arguments);
-    output(name, text);
+    DebugPrintV(format, arguments);
 }
 
 void CTraceUtil::DebugStringF(const char* format, ...) {
@@ -291,12 +275,7 @@ char* CTraceUtil::GetExeName(char* target, unsigned int targetSize) {
     if (target == nullptr || targetSize == 0) {
         return target;
     }
-    const std::string path = GetExecutablePath();
-    std::string name = path.substr(path.rfind('/') + 1);
-    const std::size_t dot = name.rfind('.');
-    if (dot != std::string::npos && dot > 0) {
-        name.erase(dot);
-    }
+    const std::string name = GetExecutableName();
     const std::size_t length = std::min<std::size_t>(name.size(), targetSize - 1);
     std::memcpy(target, name.data(), length);
     target[length] = '\0';

@@ -5,7 +5,11 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include "tessel/platform/CheckedPrint.h"
+#include "tessel/platform/Process.h"
 
 namespace Tessel::Platform {
 namespace {
@@ -20,6 +24,34 @@ void OutputDebugStringA(const char* text) {
     if (text != nullptr) {
         g_sink.load(std::memory_order_acquire)(text);
     }
+}
+
+void OutputDebugStrings(const char* prefix, const char* text) {
+    prefix = prefix != nullptr ? prefix : "";
+    text = text != nullptr ? text : "";
+    const std::size_t prefixLength = std::strlen(prefix);
+    const std::size_t textLength = std::strlen(text);
+    char* joined = static_cast<char*>(std::malloc(prefixLength + textLength + 1));
+    if (joined == nullptr) {
+        return;
+    }
+    std::memcpy(joined, prefix, prefixLength);
+    std::memcpy(joined + prefixLength, text, textLength + 1);
+    OutputDebugStringA(joined);
+    std::free(joined);
+}
+
+void DebugPrintV(const char* format, std::va_list arguments) {
+    char text[2048] = {};
+    _vsnprintf_s(text, sizeof text, _TRUNCATE, format, arguments);
+    OutputDebugStrings(GetExecutableName().c_str(), text);
+}
+
+void DebugPrint(const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    DebugPrintV(format, arguments);
+    va_end(arguments);
 }
 
 DebugOutputSink SetDebugOutputSink(DebugOutputSink sink) {

@@ -6,6 +6,8 @@
 // any thread; installing a sink is atomic with respect to writers.
 #pragma once
 
+#include <cstdarg>
+
 #include "tessel/Export.h"
 
 namespace Tessel::Platform {
@@ -14,6 +16,17 @@ using DebugOutputSink = void (*)(const char* text);
 
 // Passes text (NUL-terminated, may be null: then nothing happens) to the current sink.
 TESSEL_API void OutputDebugStringA(const char* text);
+
+// Passes prefix and text joined into one text to the current sink. Nothing is written if
+// memory for the joined text cannot be had; null stands for an empty text.
+TESSEL_API void OutputDebugStrings(const char* prefix, const char* text);
+
+// Prints format with arguments (cut at 2047 characters) behind the executable's name
+// (GetExecutableName) and passes the text to the debugger output.
+TESSEL_API void DebugPrintV(const char* format, std::va_list arguments)
+    __attribute__((format(printf, 1, 0)));
+// Printf-style convenience form of DebugPrintV.
+TESSEL_API void DebugPrint(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // Installs sink, or the default syslog sink when sink is null, and returns the one before.
 TESSEL_API DebugOutputSink SetDebugOutputSink(DebugOutputSink sink);

@@ -102,15 +102,14 @@ FIND_HANDLE FindFirstFileA(const char* path, WIN32_FIND_DATAA* data) {
         }
     }
     const std::size_t slash = text.rfind('/');
-    auto* search = new (std::nothrow)
-        FileSearch{nullptr, slash == std::string::npos ? "." : text.substr(0, slash),
-                   slash == std::string::npos ? text : text.substr(slash + 1)};
+    std::string folder = slash == std::string::npos ? std::string(".")
+                         : slash == 0               ? std::string(1, '/')
+                                                    : text.substr(0, slash);
+    auto* search = new (std::nothrow) FileSearch{
+        nullptr, std::move(folder), slash == std::string::npos ? text : text.substr(slash + 1)};
     if (search == nullptr) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return INVALID_FIND_HANDLE;
-    }
-    if (search->folder.empty()) {
-        search->folder = "/";
     }
     search->dir = ::opendir(search->folder.c_str());
     if (search->dir == nullptr) {

@@ -14,8 +14,8 @@
 #include <string_view>
 #include <unordered_set>
 
-#include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/detail/KernelObject.h"
 
 namespace Tessel::Platform {
 namespace {

@@ -25,9 +25,9 @@
 #include <unordered_map>
 
 #include "tessel/platform/Clock.h"
-#include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/Process.h"
+#include "tessel/platform/detail/KernelObject.h"
 
 namespace Tessel::Platform {
 namespace {

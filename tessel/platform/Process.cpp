@@ -40,6 +40,16 @@ std::string GetExecutablePath() {
     return std::string(buffer, static_cast<std::size_t>(n));
 }
 
+std::string GetExecutableName() {
+    const std::string path = GetExecutablePath();
+    std::string name = path.substr(path.rfind('/') + 1);
+    const std::size_t dot = name.rfind('.');
+    if (dot != std::string::npos && dot > 0) {
+        name.erase(dot);
+    }
+    return name;
+}
+
 std::string GetApplicationDirectory() {
     const char* dir = std::getenv("TESSEL_APP_DIR");
     if (dir != nullptr && *dir != '\0') {

@@ -19,6 +19,10 @@ TESSEL_API DWORD GetCurrentProcessId();
 // The absolute path of the running executable, read from /proc/self/exe.
 TESSEL_API std::string GetExecutablePath();
 
+// The executable's file name without folder and extension ("tessel-host" for
+// /usr/bin/tessel-host, "TarvoWD" for .../TarvoWD.exe).
+TESSEL_API std::string GetExecutableName();
+
 // The folder in which files kept beside the executable are looked for: the value of the
 // environment variable TESSEL_APP_DIR where it is set and not empty, else the folder of the
 // executable. No trailing '/'.

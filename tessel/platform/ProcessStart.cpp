@@ -22,8 +22,8 @@
 #include <thread>
 #include <vector>
 
-#include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/detail/KernelObject.h"
 
 extern char** environ;
 

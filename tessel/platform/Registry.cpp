@@ -19,10 +19,10 @@
 #include <vector>
 
 #include "tessel/platform/Handle.h"
-#include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
-#include "tessel/platform/RegistryHive.h"
-#include "tessel/platform/RegistryWatcher.h"
+#include "tessel/platform/detail/KernelObject.h"
+#include "tessel/platform/detail/RegistryHive.h"
+#include "tessel/platform/detail/RegistryWatcher.h"
 
 namespace Tessel::Platform {
 

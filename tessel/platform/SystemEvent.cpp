@@ -16,10 +16,10 @@
 #include <string>
 #include <unordered_map>
 
-#include "tessel/platform/AbstractSocket.h"
-#include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
-#include "tessel/platform/NameTable.h"
+#include "tessel/platform/detail/AbstractSocket.h"
+#include "tessel/platform/detail/KernelObject.h"
+#include "tessel/platform/detail/NameTable.h"
 
 namespace Tessel::Platform {
 namespace {

@@ -27,8 +27,8 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "tessel/platform/AbstractSocket.h"
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/detail/AbstractSocket.h"
 
 namespace Tessel::Platform {
 namespace {

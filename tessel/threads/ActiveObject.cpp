@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 
+#include "tessel/base/ReadWriteLock.h"
 #include "tessel/logging/ILogging.h"
 #include "tessel/logging/TraceUtil.h"
 #include "tessel/platform/CheckedPrint.h"
@@ -16,7 +17,7 @@
 #include "tessel/platform/Registry.h"
 #include "tessel/platform/Thread.h"
 #include "tessel/supervision/WatchdogClient.h"
-#include "tessel/threads/ReadWriteLock.h"
+#include "tessel/threads/detail/ActiveObjectThreadRecord.h"
 
 using namespace Tessel::Platform;
 
@@ -134,7 +135,7 @@ void CActiveObject::InitWorkerThread() {
     }
     if (CMonitorElement* state = m_monitor.add("State", "", true)) {
         m_pStateElement = state;
-        state->set(3.0);
+        state->set(THREAD_STARTED);
     }
     if (CMonitorElement* named = m_monitor.add(m_szClassName, "", true)) {
         m_pClassElement = named;
@@ -151,7 +152,7 @@ void CActiveObject::InitWorkerThread() {
     record.m_strStartFile = m_strStartFile;
     record.m_strStartFunction = m_strStartFunction;
     record.m_strClassName = m_szClassName;
-    record.m_ulState = 3;
+    record.m_ulState = THREAD_STARTED;
     record.m_stateTime = utcNow();
     record.m_ulExitCode = CActiveObjectThreadRecord::EXIT_CODE_RUNNING;
     m_pCurrentThreadRecord = &record;
@@ -165,7 +166,7 @@ void CActiveObject::WorkerThread() {
 }
 
 void CActiveObject::WaitForStart() {
-    while (m_lThreadState.load() == 2) {
+    while (m_lThreadState.load() == THREAD_STOPPED) {
         boost::this_thread::sleep_for(boost::chrono::milliseconds(10));
     }
 }
@@ -176,28 +177,28 @@ void CActiveObject::RecordState(std::uint32_t state) {
 }
 
 int CActiveObject::SetStateStarted() {
-    std::int32_t expected = 2;
-    if (!m_lThreadState.compare_exchange_strong(expected, 3)) {
+    std::int32_t expected = THREAD_STOPPED;
+    if (!m_lThreadState.compare_exchange_strong(expected, THREAD_STARTED)) {
         return 0;
     }
-    RecordState(3);
+    RecordState(THREAD_STARTED);
     return 1;
 }
 
 int CActiveObject::SetStateStopping() {
-    std::int32_t expected = 3;
-    if (!m_lThreadState.compare_exchange_strong(expected, 1)) {
+    std::int32_t expected = THREAD_STARTED;
+    if (!m_lThreadState.compare_exchange_strong(expected, THREAD_STOPPING)) {
         return 0;
     }
-    RecordState(1);
-    m_pStateElement->set(1.0);
+    RecordState(THREAD_STOPPING);
+    m_pStateElement->set(THREAD_STOPPING);
     return 1;
 }
 
 int CActiveObject::SetStateStopped() {
-    m_lThreadState.exchange(2);
-    RecordState(2);
-    m_pStateElement->set(2.0);
+    m_lThreadState.exchange(THREAD_STOPPED);
+    RecordState(THREAD_STOPPED);
+    m_pStateElement->set(THREAD_STOPPED);
     return 1;
 }
 

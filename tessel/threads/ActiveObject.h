@@ -17,10 +17,10 @@
 // read); a thread that never reaches one within 100 ms is left running, detached, and the stop
 // says so in the log.
 //
-// States: 2 stopped (also before the first start), 3 started, 1 stopping. A thread function
-// that returns by itself leaves the state at 3 until StopThread, which then joins at once. An
-// object may be started again after a stop; it then gets a new thread id, a new subtree and a
-// new table record.
+// States (ThreadState): stopped (also before the first start), started, stopping. A thread
+// function that returns by itself leaves the state at started until StopThread, which then joins at
+// once. An object may be started again after a stop; it then gets a new thread id, a new subtree
+// and a new table record.
 //
 // Lifetime: a derived class whose thread function touches the derived part calls StopThread
 // in its own destructor first. Copying is not for use.
@@ -39,16 +39,24 @@
 #include <string>
 
 #include "tessel/Export.h"
+#include "tessel/base/CriticalSectionSyncGuard.h"
+#include "tessel/base/Handle.h"
 #include "tessel/monitoring/MonitorElement.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/platform/Types.h"
-#include "tessel/threads/ActiveObjectThreadRecord.h"
-#include "tessel/threads/CriticalSectionSyncGuard.h"
-#include "tessel/threads/Handle.h"
+
+struct CActiveObjectThreadRecord;
 
 class TESSEL_API CActiveObject {
   public:
     using ThreadFunction = unsigned long (*)(void*);
+
+    // The states of the thread, as GetThreadState and the "State" element give them.
+    enum ThreadState : std::int32_t {
+        THREAD_STOPPING = 1,
+        THREAD_STOPPED = 2,
+        THREAD_STARTED = 3,
+    };
 
     // The second wait of a stop, in milliseconds.
     static const std::uint64_t LAST_CHANCE_JOIN_TIMEOUT_IN_MS = 5000;
@@ -75,10 +83,10 @@ class TESSEL_API CActiveObject {
     int StopThreadByWorkerThread();
 
     void SetStopTimeout(unsigned int timeoutMs) { m_ulStopTimeout = timeoutMs; }
-    int IsThreadStarted() const { return m_lThreadState.load() == 3 ? 1 : 0; }
+    int IsThreadStarted() const { return m_lThreadState.load() == THREAD_STARTED ? 1 : 0; }
     // True while the thread is stopping or stopped: the test a worker polls.
     bool IsThreadStoppedOrStopping() const {
-        return m_lThreadState.load(std::memory_order_relaxed) < 3;
+        return m_lThreadState.load(std::memory_order_relaxed) != THREAD_STARTED;
     }
     // The exit code of the last run, 0xAAAAAAAA while it runs or before the first start, and
     // 0xFFFFFFFF for a thread ended by force.
@@ -125,7 +133,7 @@ class TESSEL_API CActiveObject {
     void RecordState(std::uint32_t state);
     void ForceStop();
 
-    std::atomic<std::int32_t> m_lThreadState{2};
+    std::atomic<std::int32_t> m_lThreadState{THREAD_STOPPED};
     std::unique_ptr<CActiveObjectThreadRecord> m_pInitialThreadRecord;
     // The initial record, then this thread's record in the thread table.
     CActiveObjectThreadRecord* m_pCurrentThreadRecord;

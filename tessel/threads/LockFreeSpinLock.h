@@ -18,7 +18,7 @@
 #include <cstdint>
 
 #include "tessel/Export.h"
-#include "tessel/threads/ISyncGuard.h"
+#include "tessel/base/ISyncGuard.h"
 
 class CMonitorElement;
 class CMonitorElementContainer;

@@ -46,7 +46,7 @@ VelkorLog& velkorLog() {
 
 std::string today() {
     const std::tm date = spdlog::details::os::localtime();
-    char text[16];
+    char text[40];
     std::snprintf(text, sizeof text, "%04d-%02d-%02d", date.tm_year + 1900, date.tm_mon + 1,
                   date.tm_mday);
     return text;

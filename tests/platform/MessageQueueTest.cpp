@@ -12,6 +12,7 @@
 
 #include "platform/WaitProbe.h"
 #include "support/ScratchRegistry.h"
+#include "support/TestSupport.h"
 #include "tessel/platform/Clock.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
@@ -161,7 +162,7 @@ INSTANTIATE_TEST_SUITE_P(
         FilterCase{"RangeInclusive", nullptr, WM_USER + 1, WM_APP, {WM_USER + 1, WM_APP}},
         FilterCase{"SingleNumber", nullptr, WM_QUIT, WM_QUIT, {WM_QUIT}},
         FilterCase{"RangeWithoutMessages", nullptr, 1, 2, {}}),
-    [](const ::testing::TestParamInfo<FilterCase>& info) { return info.param.name; });
+    TesselTest::ParamName());
 
 TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
     makeQueue();

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -13,7 +12,6 @@
 #include "platform/WaitProbe.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
-#include "tessel/platform/KernelObject.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/Mutex.h"
 
@@ -215,24 +213,6 @@ TEST(Wait, AllWaitsForTheLastObjectAndThenTakesThemTogether) {
     CloseHandle(first);
     CloseHandle(manual);
     CloseHandle(mutex);
-}
-
-TEST(Wait, ExtraDescriptorEndsTheWaitWithTheCount) {
-    const int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    HANDLE event = autoEvent(false);
-    EXPECT_EQ(WaitForObjects(1, &event, false, 0, fd), WAIT_TIMEOUT);
-    AsyncCall call([&] { return WaitForObjects(1, &event, false, 5000, fd); });
-    ASSERT_TRUE(call.blocked());
-    const std::uint64_t one = 1;
-    ASSERT_EQ(::write(fd, &one, sizeof one), 8);
-    ASSERT_TRUE(call.finishes());
-    EXPECT_EQ(call.result(), 1u);
-    SetEvent(event);  // objects come before the descriptor
-    EXPECT_EQ(WaitForObjects(1, &event, false, 0, fd), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForObjects(0, nullptr, false, 1000, fd), 0u);
-    CloseHandle(event);
-    ::close(fd);
 }
 
 TEST(Wait, WaitingThreadsDoNotSpin) {

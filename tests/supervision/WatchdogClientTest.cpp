@@ -510,7 +510,7 @@ TEST_F(WatchdogClientTest, TextThatDoesNotFitIsAnInvalidParameter) {
 
 // A worker that never stops by itself is ended in the second stage of its stop, and the
 // watchdog is told first that the thread closes.
-unsigned long neverStop(void*) {
+static unsigned long neverStop(void*) {
     while (true) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -26,10 +26,10 @@ const std::string& UseScratchRegistry() {
         static const std::string removeAtExit = root;
         std::atexit([] {
             if (::getpid() == owner) {
-                std::error_code ignored;
+                std::error_code failure;
                 std::filesystem::permissions(removeAtExit + "/registry",
-                                             std::filesystem::perms::owner_all, ignored);
-                std::filesystem::remove_all(removeAtExit, ignored);
+                                             std::filesystem::perms::owner_all, failure);
+                std::filesystem::remove_all(removeAtExit, failure);
             }
         });
         return registry;

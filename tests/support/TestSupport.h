@@ -28,6 +28,15 @@ class DebugOutputCapture {
     Tessel::Platform::DebugOutputSink m_previous;
 };
 
+// Names the cases of a parameterised suite after their parameter's name member:
+// INSTANTIATE_TEST_SUITE_P(Cases, Suite, Values(...), TesselTest::ParamName()).
+struct ParamName {
+    template <class Info>
+    std::string operator()(const Info& info) const {
+        return info.param.name;
+    }
+};
+
 // Thrown by the handler that InvalidParameterThrows installs.
 struct InvalidParameterError : std::runtime_error {
     using std::runtime_error::runtime_error;

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "tessel/base/ReadWriteLock.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
-#include "tessel/threads/ReadWriteLock.h"
 
 namespace {
 

@@ -891,7 +891,7 @@ const std::vector<Operation>& operations() {
 int main(int argc, char** argv) {
     // Errors of the platform layer (a database that is not usable) go to standard error,
     // next to our own message.
-    SetErrorReporter(nullptr);
+    SetReportHook(nullptr);
     try {
         if (argc < 2) {
             return invalidSyntax("");

@@ -1,0 +1,3 @@
+#include "tessel/base/DummySyncGuard.h"
+
+CDummySyncGuard::~CDummySyncGuard() = default;

@@ -1,0 +1,3 @@
+#include "tessel/base/ISyncGuard.h"
+
+ISyncGuard::~ISyncGuard() = default;

@@ -1,0 +1,3 @@
+#include "tessel/base/VelkorPseudoReaderWriterLock.h"
+
+CVelkorPseudoReaderWriterLock::~CVelkorPseudoReaderWriterLock() = default;

@@ -1,3 +1,0 @@
-#include "tessel/threads/DummySyncGuard.h"
-
-CDummySyncGuard::~CDummySyncGuard() = default;

@@ -1,3 +1,0 @@
-#include "tessel/threads/ISyncGuard.h"
-
-ISyncGuard::~ISyncGuard() = default;

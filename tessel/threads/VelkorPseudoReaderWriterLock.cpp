@@ -1,3 +1,0 @@
-#include "tessel/threads/VelkorPseudoReaderWriterLock.h"
-
-CVelkorPseudoReaderWriterLock::~CVelkorPseudoReaderWriterLock() = default;

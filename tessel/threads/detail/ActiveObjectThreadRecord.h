@@ -1,0 +1,26 @@
+// CActiveObjectThreadRecord: the record of one worker thread of a CActiveObject.
+//
+// A plain structure. The process-wide thread table keeps one per thread id, also after the
+// thread ended; a thread id that the system uses again overwrites the older record.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "tessel/platform/Clock.h"
+#include "tessel/threads/ActiveObject.h"
+
+struct CActiveObjectThreadRecord {
+    // The exit code of a thread that has neither returned nor been terminated.
+    static constexpr std::uint32_t EXIT_CODE_RUNNING = 0xAAAAAAAAu;
+
+    std::uint32_t m_ulCreatingThreadId = 0;
+    Tessel::Platform::SYSTEMTIME m_creationTime{};  // UTC
+    std::int32_t m_lStartLine = 0;
+    std::string m_strStartFile;
+    std::string m_strStartFunction;
+    std::string m_strClassName;
+    std::uint32_t m_ulState = CActiveObject::THREAD_STARTED;  // the last thread state
+    Tessel::Platform::SYSTEMTIME m_stateTime{};               // UTC, of the last state change
+    std::uint32_t m_ulExitCode = EXIT_CODE_RUNNING;
+};

@@ -1,0 +1,119 @@
+#include <gtest/gtest.h>
+
+#include <boost/date_time/posix_time/posix_time.hpp>
+#include <ctime>
+#include <limits>
+#include <string>
+#include <tuple>
+
+#include "tessel/base/TimeFunctions.h"
+#include "tessel/platform/Clock.h"
+
+using namespace boost::posix_time;
+using boost::gregorian::date;
+
+namespace {
+
+// The difference is process-wide: leave it at 0 for the next test of the same run.
+class TimeFunctions : public ::testing::Test {
+  protected:
+    void TearDown() override { TIME::SetDeltaUTCTime(0.0); }
+};
+
+using Stamp = std::tuple<int, int, int, int, int, int, int>;  // year ... millisecond
+
+Stamp stampOf(const Tessel::Platform::SYSTEMTIME& t) {
+    return {t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
+}
+
+// The stamp of "DD.MM.YYYY hh:mm:ss.mmm".
+Stamp stampOf(const std::string& s) {
+    auto n = [&](std::size_t at, std::size_t count) { return std::stoi(s.substr(at, count)); };
+    return {n(6, 4), n(3, 2), n(0, 2), n(11, 2), n(14, 2), n(17, 2), n(20, 3)};
+}
+
+}  // namespace
+
+TEST_F(TimeFunctions, DeltaIsKeptInFiftyMicrosecondUnitsUpToOneDay) {
+    EXPECT_EQ(TIME::GetDeltaUTCTime(), 0.0);
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    const struct {
+        double set, expected, tolerance;
+    } cases[] = {
+        {1.5, 1.5, 1e-9},         {-2.25, -2.25, 1e-9},
+        {86400.0, 86400.0, 5e-5}, {-86400.0, -86400.0, 5e-5},
+        {86400.1, 0.0, 0.0},      {-86400.1, 0.0, 0.0},
+        {inf, 0.0, 0.0},          {nan, 0.0, 0.0},
+        {3e-5, 0.0, 0.0},         {-7e-5, -5e-5, 1e-12},
+        {1.00004, 1.0, 1e-9},     {-1.00004, -1.0, 1e-9},
+    };
+    for (const auto& c : cases) {
+        TIME::SetDeltaUTCTime(10.0);
+        TIME::SetDeltaUTCTime(c.set);
+        EXPECT_NEAR(TIME::GetDeltaUTCTime(), c.expected, c.tolerance) << "set " << c.set;
+    }
+}
+
+TEST_F(TimeFunctions, UtcIsTheSystemClockInWholeSecondsMinusTheDelta) {
+    const struct {
+        double delta;
+        time_duration shift;  // added to the system clock
+        long fractionUs;      // of the result's second
+    } cases[] = {
+        {0.0, hours(0), 0},
+        {-3600.0, hours(1), 0},  // a negative difference moves UTC forward
+        {3600.0, -hours(1), 0},
+        {1.5, -milliseconds(1500), 500000},
+        {0.0123456, -milliseconds(12), 988000},  // 12.3 ms count as 12
+        {-0.0123456, milliseconds(12), 12000},
+        {-0.0009, hours(0), 0},
+    };
+    for (const auto& c : cases) {
+        TIME::SetDeltaUTCTime(c.delta);
+        const ptime before = from_time_t(std::time(nullptr)) + c.shift;
+        const ptime utc = TIME::GetCurrentDateTimeUTC();
+        const ptime after = from_time_t(std::time(nullptr)) + c.shift;
+        EXPECT_LE(before, utc) << c.delta;
+        EXPECT_LE(utc, after) << c.delta;
+        EXPECT_EQ(utc.time_of_day().fractional_seconds(), c.fractionUs) << c.delta;
+    }
+}
+
+TEST_F(TimeFunctions, DateTimeTextIsTheLocalTimeAndIgnoresTheDelta) {
+    for (double delta : {0.0, -7200.0}) {
+        TIME::SetDeltaUTCTime(delta);
+        Tessel::Platform::SYSTEMTIME before, after;
+        Tessel::Platform::GetLocalTime(&before);
+        const std::string text = TIME::GetCurrentDateTimeAsString();
+        Tessel::Platform::GetLocalTime(&after);
+
+        ASSERT_EQ(text.size(), 23u) << text;
+        EXPECT_EQ(text.substr(2, 1) + text.substr(5, 1) + text.substr(10, 1) + text.substr(13, 1) +
+                      text.substr(16, 1) + text.substr(19, 1),
+                  ".. ::.");
+        EXPECT_LE(stampOf(before), stampOf(text)) << text;
+        EXPECT_LE(stampOf(text), stampOf(after)) << text;
+    }
+}
+
+TEST_F(TimeFunctions, ModifiedJulianDate) {
+    const double special = 9223372036854775.0 / 86400000.0;
+    const struct {
+        ptime time;
+        double mjd;
+    } cases[] = {
+        {ptime(date(1858, 11, 17)), 0.0},
+        {ptime(date(2000, 1, 1)), 51544.0},
+        {ptime(date(2000, 1, 1), hours(12)), 51544.5},
+        {ptime(date(1858, 11, 16), hours(18)), -0.25},
+        {ptime(date(2000, 1, 1), milliseconds(1)), 51544.0 + 1.0 / 86400000.0},
+        {ptime(date(2000, 1, 1), microseconds(999)), 51544.0},  // whole milliseconds
+        {ptime(not_a_date_time), special},
+        {ptime(pos_infin), special},
+        {ptime(neg_infin), -special},
+    };
+    for (const auto& c : cases) {
+        EXPECT_DOUBLE_EQ(TIME::ToMjd(c.time), c.mjd) << c.time;
+    }
+}
