@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/WaitProbe.h"
+#include "support/WaitProbe.h"
 #include "support/TestSupport.h"
 #include "tessel/base/ReadWriteLock.h"
 #include "tessel/platform/Types.h"

@@ -11,7 +11,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "platform/WaitProbe.h"
+#include "support/WaitProbe.h"
 #include "support/TestSupport.h"
 #include "tessel/base/CriticalSectionSyncGuard.h"
 #include "tessel/base/DummySyncGuard.h"

@@ -3,7 +3,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/WaitProbe.h"
+#include "support/WaitProbe.h"
 #include "tessel/platform/CriticalSection.h"
 
 using namespace Tessel::Platform;

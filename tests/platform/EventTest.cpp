@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/WaitProbe.h"
+#include "support/WaitProbe.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/LastError.h"

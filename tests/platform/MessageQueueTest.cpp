@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/WaitProbe.h"
+#include "support/WaitProbe.h"
 #include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/platform/Clock.h"

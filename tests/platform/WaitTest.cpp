@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "platform/WaitProbe.h"
+#include "support/WaitProbe.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/LastError.h"

@@ -4,17 +4,10 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <stdexcept>
-
-extern char** environ;
 
 namespace TesselTest {
 
@@ -178,114 +171,9 @@ bool SendOverLoopback(std::size_t size, int count) {
     return sent;
 }
 
-std::string RunCaptured(const std::string& command, int* status) {
-    std::string output;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        throw std::runtime_error("cannot run " + command);
-    }
-    char chunk[4096];
-    std::size_t n;
-    while ((n = std::fread(chunk, 1, sizeof(chunk), pipe)) > 0) {
-        output.append(chunk, n);
-    }
-    const int result = ::pclose(pipe);
-    if (status != nullptr) {
-        *status = WIFEXITED(result) ? WEXITSTATUS(result) : -1;
-    }
-    return output;
-}
-
 std::string HttpBody(const std::string& response) {
     const std::size_t headEnd = response.find("\r\n\r\n");
     return headEnd == std::string::npos ? std::string() : response.substr(headEnd + 4);
-}
-
-ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
-    int input[2];
-    int output[2];
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-    std::vector<char*> arguments;
-    for (const std::string& argument : argv) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    const int result =
-        ::posix_spawn(&m_pid, arguments[0], &actions, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(input[0]);
-    ::close(output[1]);
-    m_in = input[1];
-    m_out = output[0];
-    if (result != 0) {
-        m_pid = -1;
-        throw std::runtime_error("cannot start " + argv[0]);
-    }
-}
-
-ChildProcess::~ChildProcess() {
-    if (m_pid > 0) {
-        ::close(m_in);
-        m_in = -1;
-        for (int i = 0; i < 200; ++i) {
-            if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) {
-                m_pid = -1;
-                break;
-            }
-            ::usleep(10000);
-        }
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-    }
-    if (m_in >= 0) {
-        ::close(m_in);
-    }
-    ::close(m_out);
-}
-
-std::string ChildProcess::readLine(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    std::size_t end;
-    while ((end = m_buffer.find('\n')) == std::string::npos) {
-        pollfd fd{m_out, POLLIN, 0};
-        if (::poll(&fd, 1, remainingMs(deadline)) <= 0) {
-            return std::string();
-        }
-        char chunk[4096];
-        const ssize_t n = ::read(m_out, chunk, sizeof(chunk));
-        if (n <= 0) {
-            return std::string();
-        }
-        m_buffer.append(chunk, static_cast<std::size_t>(n));
-    }
-    std::string line = m_buffer.substr(0, end);
-    m_buffer.erase(0, end + 1);
-    return line;
-}
-
-int ChildProcess::finish() {
-    ::close(m_in);
-    m_in = -1;
-    int status = 0;
-    ::waitpid(m_pid, &status, 0);
-    m_pid = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-long long ResidentBytes(pid_t pid) {
-    std::ifstream statm("/proc/" + std::to_string(pid) + "/statm");
-    long long size = 0;
-    long long resident = 0;
-    statm >> size >> resident;
-    return resident * ::sysconf(_SC_PAGESIZE);
 }
 
 }  // namespace TesselTest

@@ -1,13 +1,11 @@
 // Real network counterparts for the monitor server's tests: a blocking TCP client on the
-// loopback address, a free port, a program run with its output captured, and a second process
-// that is started with pipes and killed at the end.
+// loopback address, a free port, loopback traffic. Second processes: support/ChildProcess.h.
 #pragma once
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <string>
-#include <vector>
+
+#include "support/ChildProcess.h"
 
 namespace TesselTest {
 
@@ -55,35 +53,7 @@ int FreeTcpPort();
 // own (which discards them); true if every datagram was sent.
 bool SendOverLoopback(std::size_t size, int count);
 
-// Runs a shell command line and returns its standard output; *status gets the exit status.
-std::string RunCaptured(const std::string& command, int* status = nullptr);
-
 // The body of an HTTP response (what follows the empty line), or "" without one.
 std::string HttpBody(const std::string& response);
-
-// A second process started with posix_spawn, with its standard input and output on pipes.
-// The destructor closes its input, and kills it if it has not ended within two seconds.
-class ChildProcess {
-  public:
-    explicit ChildProcess(const std::vector<std::string>& argv);
-    ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-    pid_t pid() const { return m_pid; }
-    // One line of its standard output without the line end, or "" at its end or after timeout.
-    std::string readLine(milliseconds timeout);
-    // Closes its standard input and waits for its end; returns the exit status.
-    int finish();
-
-  private:
-    pid_t m_pid = -1;
-    int m_in = -1;
-    int m_out = -1;
-    std::string m_buffer;
-};
-
-// Resident memory of a process in bytes, from /proc/<pid>/statm.
-long long ResidentBytes(pid_t pid);
 
 }  // namespace TesselTest

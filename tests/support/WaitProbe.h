@@ -7,18 +7,16 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
 
+#include "support/Eventually.h"
 #include "tessel/platform/Process.h"
 #include "tessel/platform/Types.h"
 
 namespace TesselTest {
-
-using namespace std::chrono_literals;
 
 // Whether thread tid of this process sleeps in system call number: SYS_ppoll for the waits
 // on objects, SYS_futex for locks.
@@ -29,19 +27,6 @@ inline bool sleepsIn(pid_t tid, long number) {
         return false;  // "running", or the thread has ended
     }
     return current == number;
-}
-
-// Repeats check until it holds or limit has passed.
-inline bool eventually(const std::function<bool()>& check,
-                       std::chrono::milliseconds limit = 5000ms) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!check()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 // One call that may block, run on a thread of its own.
