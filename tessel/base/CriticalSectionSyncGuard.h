@@ -55,7 +55,7 @@ class TESSEL_API CCriticalSectionSyncGuard : public ISyncGuard {
 
     // Owned; allocated by the constructor.
     Tessel::Platform::CRITICAL_SECTION* m_pCriticalSection;
-    // Holds outstanding. Written only while the critical section is held; atomic so that an
-    // unlock may look at it without holding the section.
+    // Holds outstanding. Written only while the critical section is held, which orders the
+    // writes; atomic (relaxed) so that an unlock may look at it without holding the section.
     std::atomic<std::uint32_t> m_ulLockCount{0};
 };

@@ -82,9 +82,9 @@ class TESSEL_API CMutexSyncGuard : public ISyncGuard {
     void Unlock();
 
     Tessel::CHandle m_hMutex;
-    // Counted holds; written by the holder only.
+    // Counted holds, and the holder (0 when the count is 0). Relaxed: written by the holder
+    // only, whose mutex orders the writes; other threads only read a number, untorn.
     std::atomic<std::uint32_t> m_ulLockCount{0};
-    // The holder, 0 when the count is 0; written by the holder only.
     std::atomic<std::uint32_t> m_ulOwningThread{0};
     // For the trace only.
     char m_szName[NAME_SIZE];

@@ -92,6 +92,8 @@ class TESSEL_API CReaderWriterSyncGuard : public ISyncGuard {
     // The thread that took the write lock with LockWrite, 0 for none. Sequentially consistent:
     // exchange to store, an add of zero to read.
     std::atomic<std::uint32_t> m_ulWriterThreadId;
-    // How many guards share the events and sections (this one and its copies).
+    // How many guards share the events and sections (this one and its copies). Adding is
+    // relaxed (the adder holds a share already); dropping is acquire-release, so that the last
+    // guard frees them after every other guard's last use.
     std::atomic<std::uint32_t>* m_pSharers;
 };

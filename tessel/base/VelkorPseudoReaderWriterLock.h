@@ -2,14 +2,11 @@
 //
 // Stands where a class's design asks for a reader/writer lock but its state is owned by one
 // thread. Like CDummySyncGuard it locks nothing: every lock operation returns true at once and
-// every unlock returns at once, for any number of threads. It keeps one 32-bit word, zero
-// after construction and carried over by copying, that no operation reads; CheckThreadId,
-// the place for a check of the calling thread, does nothing.
+// every unlock returns at once, for any number of threads. CheckThreadId, the place for a
+// check of the calling thread, does nothing.
 //
-// Copying is public and copies the word. Thread safety: trivially safe.
+// It holds no state: copying is public and copies nothing. Thread safety: trivially safe.
 #pragma once
-
-#include <cstdint>
 
 #include "tessel/Export.h"
 #include "tessel/base/ISyncGuard.h"
@@ -31,8 +28,4 @@ class TESSEL_API CVelkorPseudoReaderWriterLock : public ISyncGuard {
   protected:
     // Does nothing.
     void CheckThreadId() {}
-
-  private:
-    // Zero after construction, copied with the object; read by nothing.
-    std::uint32_t m_ulThreadId = 0;
 };

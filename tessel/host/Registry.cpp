@@ -131,11 +131,6 @@ std::string Get(const std::string& key, const std::string& name, const char* def
     return Get(HKEY_LOCAL_MACHINE, key, name, defaultValue, use64BitView, writeDefault);
 }
 
-std::string Get2(const std::string& key, const std::string& name, const char* defaultValue,
-                 bool use64BitView, bool writeDefault) {
-    return Get(HKEY_LOCAL_MACHINE, key, name, defaultValue, use64BitView, writeDefault);
-}
-
 void Get(const std::string& key, const std::string& name, const char* defaultValue, char* buffer,
          std::size_t size, bool use64BitView, bool writeDefault) {
     const std::string text = Get(key, name, defaultValue, use64BitView, writeDefault);

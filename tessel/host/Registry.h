@@ -44,9 +44,12 @@ TESSEL_API std::string Get(HKEY hive, const std::string& key, const std::string&
 TESSEL_API std::string Get(const std::string& key, const std::string& name,
                            const char* defaultValue, bool use64BitView = false,
                            bool writeDefault = false);
-TESSEL_API std::string Get2(const std::string& key, const std::string& name,
-                            const char* defaultValue, bool use64BitView = false,
-                            bool writeDefault = false);
+// Kept for host code written to the design, where it returns the other string class; both
+// are std::string here, so it is Get.
+inline std::string Get2(const std::string& key, const std::string& name, const char* defaultValue,
+                        bool use64BitView = false, bool writeDefault = false) {
+    return Get(key, name, defaultValue, use64BitView, writeDefault);
+}
 // The text printed into buffer of size bytes, cut to fit.
 TESSEL_API void Get(const std::string& key, const std::string& name, const char* defaultValue,
                     char* buffer, std::size_t size, bool use64BitView = false,

@@ -33,6 +33,7 @@ struct PendingLine {
 };
 std::mutex g_pendingLock;
 std::vector<PendingLine> g_pending;  // guarded by g_pendingLock
+// A hint for getInstance, read relaxed: the lines themselves are taken under g_pendingLock.
 std::atomic<bool> g_anyPending{false};
 
 std::vector<PendingLine> takePending() {

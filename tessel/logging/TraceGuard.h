@@ -1,7 +1,8 @@
 // CTraceGuard: trace lines at the start and the end of a scope on the trace channel.
 //
 // The constructor writes "<text> start\n", the destructor "<text> end\n", each through
-// CTraceUtil::OutputString under the guard's category.
+// CTraceUtil::OutputString under the guard's category. Copying is plain: a copy writes an end
+// line of its own.
 #pragma once
 
 #include <string>

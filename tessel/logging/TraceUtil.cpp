@@ -31,7 +31,10 @@ constexpr std::size_t kTextSize = 2048;
 // common case (nothing changed) is one load and a zero-time event test; the rest changes
 // under the lock.
 struct TraceSettings {
+    // Relaxed: the flags are a word on their own; a trace call that sees an old value for a
+    // moment writes or skips one line, as the class's contract allows.
     std::atomic<std::uint32_t> flags{0};
+    // Stored once the event exists; the acquire load on the hot path then sees it made.
     std::atomic<HANDLE> changeEvent{nullptr};
     std::mutex lock;
     std::string keyPath;    // guarded by lock

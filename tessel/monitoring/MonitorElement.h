@@ -142,8 +142,11 @@ class TESSEL_API CMonitorElement {
     void printNumber(std::ostream& stream, int width) const;
     void add(double delta);
 
-    std::atomic<std::uint64_t> m_value;       // the double's bits
-    std::atomic<std::int64_t> m_llStartTime;  // relaxed: a pass may copy while it is set
+    // The double's bits. Relaxed throughout: each value stands alone, and nothing else is
+    // published through it, so a reader needs only an untorn value.
+    std::atomic<std::uint64_t> m_value;
+    // Tick stamps, relaxed for the same reason: a pass may copy them while they are set.
+    std::atomic<std::int64_t> m_llStartTime;
     std::atomic<std::int64_t> m_llStopTime;
     mutable CMonitorElementIdentifier m_identifier;
     char m_szUnit[MAX_UNIT_SIZE + 1];

@@ -13,8 +13,10 @@
 
 namespace Tessel::Platform {
 namespace {
+// Installed with a release, read with an acquire: a sink's own set-up, done before it was
+// installed, is seen by every writer.
 std::atomic<DebugOutputSink> g_sink{&SyslogDebugOutputSink};
-}
+}  // namespace
 
 void SyslogDebugOutputSink(const char* text) {
     ::syslog(LOG_DEBUG, "%s", text);

@@ -242,6 +242,9 @@ class EventObject final : public Waitable {
     }
 
     const bool m_manualReset;
+    // 1 while signalled. Taking the signal is an acquire and raising it a release, so that a
+    // waiter released by a Set sees what the setter wrote before; the relaxed loads are only
+    // first looks that an exchange or the lock then confirms.
     std::atomic<std::uint32_t> m_signalled;
     const std::string m_name;  // empty for an unnamed event
 

@@ -10,6 +10,8 @@
 
 namespace Tessel::Platform {
 namespace {
+// Installed with a release, read with an acquire: a handler's own set-up, done before it was
+// installed, is seen by every thread that calls it.
 std::atomic<InvalidParameterHandler> g_handler{&DefaultInvalidParameterHandler};
 
 const char* orUnknown(const char* text) {

@@ -68,10 +68,17 @@ constexpr std::uint64_t kInitialisationWaitMs = 2000;
 // other threads read without the mutex are plain integers accessed through std::atomic_ref,
 // since the block may be mapped by several processes.
 struct MutexBlock {
-    std::uint32_t ready;             // kReadyMagic once initialised (named mutexes)
-    std::int32_t owner;              // thread id of the owner, 0 when free
-    std::uint32_t depth;             // acquisitions of the owner; changed only by the owner
-    std::uint32_t abandonedPending;  // 1: an abandonment given back by a wait for all
+    // kReadyMagic once initialised (named mutexes): stored with release after the mutex is
+    // made, loaded with acquire by an opener, which then sees the mutex made.
+    std::uint32_t ready;
+    // Thread id of the owner, 0 when free. Relaxed: written only by the thread that holds the
+    // mutex, whose lock and unlock order it; others read it only to ask "is it me?", which
+    // an untorn value answers.
+    std::int32_t owner;
+    std::uint32_t depth;  // acquisitions of the owner; changed only by the owner
+    // 1: an abandonment given back by a wait for all. Relaxed: changed only while the mutex
+    // is held.
+    std::uint32_t abandonedPending;
     pthread_mutex_t mutex;
 };
 

@@ -92,6 +92,7 @@ void raiseTo(std::atomic<std::uint64_t>& peak, std::uint64_t value) {
     }
 }
 
+// The highest values seen. Relaxed: each is a number on its own that publishes nothing.
 std::atomic<std::uint64_t> g_peakNonPagedPool{0};
 std::atomic<std::uint64_t> g_peakPagefileUsage{0};
 

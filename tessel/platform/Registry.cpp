@@ -28,6 +28,7 @@ namespace Tessel::Platform {
 
 struct RegistryKey {
     static constexpr std::uint32_t kLiveTag = 0x7952654Bu;
+    // Relaxed: it only tells a live key from a stale one on a best-effort basis.
     std::atomic<std::uint32_t> tag{kLiveTag};
     int hive = 0;
     REGSAM access = 0;

@@ -45,8 +45,11 @@ constexpr std::uint64_t kDone = 2;
 constexpr std::uint64_t kStateMask = 3;
 constexpr long kMaxThreadId = (1L << 24) - 1;
 
+// Acquire-release on every step: the handler's claim acquires the armed request, and its
+// "done" releases the frames that it wrote into the buffer to the requester's acquire.
 std::atomic<std::uint64_t> g_slot{0};
-// The buffer of the next capture. Replaced (and the old one left alone for ever) only when a
+// The buffer of the next capture, published with release order so that a handler that
+// acquires it sees it constructed. Replaced (and the old one left alone for ever) only when a
 // handler claimed a request and did not finish in time.
 std::atomic<CaptureBuffer*> g_buffer{nullptr};
 sem_t g_done;  // posted by the handler when it has finished

@@ -68,10 +68,9 @@ class TESSEL_API CWatchdogClient {
     CWatchdogClient();
     // ShutdownWatchdog, then frees the record and closes the event.
     ~CWatchdogClient();
+    // A client owns its record and its event: it is not copied.
     CWatchdogClient(const CWatchdogClient&) = delete;
-    // Copies the members, so that both clients share record and event: both would free them
-    // at their destruction. Not for use on a live client.
-    CWatchdogClient& operator=(const CWatchdogClient& other) = default;
+    CWatchdogClient& operator=(const CWatchdogClient&) = delete;
 
     // Starts the watchdog of this process: creates the start event, runs
     // "TarvoWD.exe /P <pid> [/H ]/I <interval> /T <timeout> /B <b>" (found on PATH; "/H " when

@@ -133,6 +133,9 @@ class TESSEL_API CActiveObject {
     void RecordState(std::uint32_t state);
     void ForceStop();
 
+    // Sequentially consistent, except for the worker's polling load in
+    // IsThreadStoppedOrStopping: that is relaxed, since the worker only needs to see the stop
+    // soon, and the stop event or the join orders everything else.
     std::atomic<std::int32_t> m_lThreadState{THREAD_STOPPED};
     std::unique_ptr<CActiveObjectThreadRecord> m_pInitialThreadRecord;
     // The initial record, then this thread's record in the thread table.

@@ -26,6 +26,9 @@ class CMonitorElementContainer;
 class TESSEL_API LockFreeSpinLock : public ISyncGuard {
   public:
     LockFreeSpinLock() = default;
+    // A lock is one place in memory that its users share: it is not copied.
+    LockFreeSpinLock(const LockFreeSpinLock&) = delete;
+    LockFreeSpinLock& operator=(const LockFreeSpinLock&) = delete;
 
     // Takes the lock, spinning as long as it takes; counts the failed rounds on the monitor.
     void lock();
@@ -57,7 +60,8 @@ class TESSEL_API LockFreeSpinLock : public ISyncGuard {
     static constexpr std::uint64_t SLEEP_TIME_MICRO_SEC = 5;
 
     std::atomic<std::uint32_t> m_lock{0};  // 0 free, 1 held
-    // The holder and the one before; written while the lock is held, read by nobody.
+    // The holder and the one before; written while the lock is held. No operation reads them:
+    // they are kept for a debugger that looks at a process hanging on the lock.
     std::uint32_t m_ownerThreadId = 0;
     std::uint32_t m_previousOwnerThreadId = 0;
     CMonitorElement* m_pTryCount = nullptr;

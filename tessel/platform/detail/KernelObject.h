@@ -39,6 +39,8 @@ struct KernelObject {
     explicit KernelObject(Waitable* target) : object(target) {}
 
     // kLiveTag while the handle is open; cleared by CloseHandle before the memory is freed.
+    // Relaxed: it only tells a live handle from a stale one on a best-effort basis, and
+    // publishes nothing.
     std::atomic<std::uint32_t> tag{kLiveTag};
     // The object, one counted reference of it.
     Waitable* const object;
@@ -80,8 +82,9 @@ struct WaitRecord {
     // For a pulse release: the first sequence number that had not enlisted at the pulse, so
     // that a release passed on never reaches a thread that began waiting after the pulse.
     std::uint64_t releaseLimit = 0;
-    // A ReleaseKind handed to this waiter, or kNoRelease. Set under the object's lock;
-    // consumed by an exchange, so that each release is used exactly once.
+    // A ReleaseKind handed to this waiter, or kNoRelease. Set under the object's lock with
+    // release order and consumed by an acquiring exchange, so that each release is used
+    // exactly once and the waiter sees what the releasing thread wrote before it.
     std::atomic<std::uint8_t> release{kNoRelease};
 };
 
@@ -133,6 +136,9 @@ class Waitable {
     virtual DWORD waitOne(DWORD timeoutMs);
 
   protected:
+    // Counted references. Adding one is relaxed, since the adder holds a reference already;
+    // dropping one is acquire-release, so that the last owner's delete comes after every
+    // other owner's last use.
     std::atomic<std::uint32_t> m_refs{1};
 
   private:

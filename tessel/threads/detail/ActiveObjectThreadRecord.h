@@ -1,7 +1,9 @@
 // CActiveObjectThreadRecord: the record of one worker thread of a CActiveObject.
 //
 // A plain structure. The process-wide thread table keeps one per thread id, also after the
-// thread ended; a thread id that the system uses again overwrites the older record.
+// thread ended; a thread id that the system uses again overwrites the older record. Only the
+// exit code is read by the library: the other fields are kept for a debugger or a core dump,
+// where they tell who started a thread, from where, and when it last changed its state.
 #pragma once
 
 #include <cstdint>
