@@ -6,13 +6,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <ostream>
+#include <iterator>
 #include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/WaitProbe.h"
-#include "support/ScratchRegistry.h"
-#include "support/TestSupport.h"
+#include "tessel/base/Handle.h"
 #include "tessel/platform/Clock.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
@@ -21,11 +21,9 @@
 
 using namespace Tessel::Platform;
 using namespace TesselTest;
+using Tessel::CHandle;
 
 namespace {
-
-const HWND kThreadMessages = reinterpret_cast<HWND>(static_cast<std::intptr_t>(-1));
-const HWND kSomeWindow = reinterpret_cast<HWND>(static_cast<std::intptr_t>(0x1000));
 
 // Makes the calling thread's queue.
 void makeQueue() {
@@ -33,8 +31,12 @@ void makeQueue() {
     PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE);
 }
 
+bool post(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) {
+    return PostThreadMessageA(GetCurrentThreadId(), message, wParam, lParam) != FALSE;
+}
+
 // The numbers of the messages that pass the filter, taken out of the queue.
-std::vector<UINT> takeAll(HWND window, UINT minMessage, UINT maxMessage) {
+std::vector<UINT> takeAll(HWND window = nullptr, UINT minMessage = 0, UINT maxMessage = 0) {
     std::vector<UINT> numbers;
     MSG message;
     while (PeekMessageA(&message, window, minMessage, maxMessage, PM_REMOVE) != FALSE) {
@@ -43,55 +45,45 @@ std::vector<UINT> takeAll(HWND window, UINT minMessage, UINT maxMessage) {
     return numbers;
 }
 
-// Closes an event at the end of a test.
-class ScopedEvent {
-  public:
-    ScopedEvent() : m_handle(CreateEventA(nullptr, TRUE, FALSE, nullptr)) {}
-    ~ScopedEvent() { CloseHandle(m_handle); }
-    ScopedEvent(const ScopedEvent&) = delete;
-    ScopedEvent& operator=(const ScopedEvent&) = delete;
-    HANDLE get() const { return m_handle; }
-    const HANDLE* address() const { return &m_handle; }
-
-  private:
-    HANDLE m_handle;
-};
+CHandle manualEvent() {
+    return CHandle(CreateEventA(nullptr, TRUE, FALSE, nullptr));
+}
 
 std::atomic<int> g_calls{0};
 std::atomic<LPARAM> g_lastArgument{0};
-std::atomic<DWORD> g_callingThread{0};
 
 void countCall(LPARAM argument) {
     g_calls.fetch_add(1);
     g_lastArgument.store(argument);
-    g_callingThread.store(GetCurrentThreadId());
 }
 
-}  // namespace
-
-TEST(MessageQueue, PostingToAThreadWithoutQueueFails) {
+TEST(MessageQueue, PostingNeedsTheQueueOfALiveThread) {
     std::atomic<DWORD> tid{0};
-    std::atomic<BOOL> posted{TRUE};
+    std::atomic<BOOL> withoutQueue{TRUE};
+    std::atomic<BOOL> withQueue{FALSE};
     std::atomic<DWORD> error{0};
     std::thread([&] {
         tid = GetCurrentThreadId();
-        posted = PostThreadMessageA(tid, WM_USER, 0, 0);
+        withoutQueue = PostThreadMessageA(tid, WM_USER, 0, 0);
         error = GetLastError();
+        makeQueue();
+        withQueue = PostThreadMessageA(tid, WM_USER, 0, 0);
     }).join();
-    EXPECT_EQ(posted, FALSE);
+    EXPECT_FALSE(withoutQueue);
     EXPECT_EQ(error, ERROR_INVALID_THREAD_ID);
-
-    SetLastError(0);
-    EXPECT_EQ(PostThreadMessageA(0x7FFFFFF0u, WM_USER, 0, 0), FALSE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+    EXPECT_TRUE(withQueue);
+    for (const DWORD gone : {tid.load(), 0x7FFFFFF0u}) {  // a thread that has ended, or none
+        SetLastError(0);
+        EXPECT_FALSE(PostThreadMessageA(gone, WM_USER, 0, 0));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+    }
 }
 
 TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
     makeQueue();
-    const DWORD self = GetCurrentThreadId();
     const DWORD before = GetTickCount();
-    ASSERT_TRUE(PostThreadMessageA(self, WM_USER + 1, 11, -11));
-    ASSERT_TRUE(PostThreadMessageA(self, WM_USER + 2, 22, -22));
+    ASSERT_TRUE(post(WM_USER + 1, 11, -11));
+    ASSERT_TRUE(post(WM_USER + 2, 22, -22));
     const DWORD after = GetTickCount();
 
     MSG message{};
@@ -99,7 +91,6 @@ TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
     EXPECT_EQ(message.message, WM_USER + 1);
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE | PM_NOYIELD));
     EXPECT_EQ(message.message, WM_USER + 1) << "PM_NOREMOVE leaves the message in the queue";
-
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
     EXPECT_EQ(message.hwnd, nullptr);
     EXPECT_EQ(message.message, WM_USER + 1);
@@ -117,58 +108,43 @@ TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
-namespace {
-
-struct FilterCase {
-    const char* name;
-    HWND window;
-    UINT minMessage;
-    UINT maxMessage;
-    std::vector<UINT> taken;
-};
-
-void PrintTo(const FilterCase& c, std::ostream* out) {
-    *out << c.name;
-}
-
-}  // namespace
-
-class MessageQueueFilter : public ::testing::TestWithParam<FilterCase> {};
-
-TEST_P(MessageQueueFilter, TakesWhatPassesAndLeavesTheRest) {
-    const FilterCase& c = GetParam();
-    makeQueue();
+TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
+    const HWND threadMessages = reinterpret_cast<HWND>(static_cast<std::intptr_t>(-1));
+    const HWND someWindow = reinterpret_cast<HWND>(static_cast<std::intptr_t>(0x1000));
     const std::vector<UINT> posted{WM_USER, WM_USER + 1, WM_APP, WM_QUIT};
-    for (const UINT number : posted) {
-        ASSERT_TRUE(PostThreadMessageA(GetCurrentThreadId(), number, 0, 0));
-    }
-    EXPECT_EQ(takeAll(c.window, c.minMessage, c.maxMessage), c.taken);
-    std::vector<UINT> rest;
-    for (const UINT number : posted) {
-        if (std::find(c.taken.begin(), c.taken.end(), number) == c.taken.end()) {
-            rest.push_back(number);
+    const struct {
+        const char* name;
+        HWND window;
+        UINT minMessage;
+        UINT maxMessage;
+        std::vector<UINT> taken;
+    } cases[] = {
+        {"any window, any number", nullptr, 0, 0, posted},
+        {"thread messages only", threadMessages, 0, 0, posted},
+        {"a window has none", someWindow, 0, 0, {}},
+        {"range, inclusive", nullptr, WM_USER + 1, WM_APP, {WM_USER + 1, WM_APP}},
+        {"a single number", nullptr, WM_QUIT, WM_QUIT, {WM_QUIT}},
+        {"range without messages", nullptr, 1, 2, {}},
+    };
+    makeQueue();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        for (const UINT number : posted) {
+            ASSERT_TRUE(post(number));
         }
+        EXPECT_EQ(takeAll(c.window, c.minMessage, c.maxMessage), c.taken);
+        std::vector<UINT> rest;
+        std::copy_if(posted.begin(), posted.end(), std::back_inserter(rest), [&](UINT number) {
+            return std::find(c.taken.begin(), c.taken.end(), number) == c.taken.end();
+        });
+        EXPECT_EQ(takeAll(), rest);
     }
-    EXPECT_EQ(takeAll(nullptr, 0, 0), rest) << "the rest stays, in its order";
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    MessageQueue, MessageQueueFilter,
-    ::testing::Values(
-        FilterCase{"AnyWindowAnyNumber", nullptr, 0, 0, {WM_USER, WM_USER + 1, WM_APP, WM_QUIT}},
-        FilterCase{
-            "ThreadMessagesOnly", kThreadMessages, 0, 0, {WM_USER, WM_USER + 1, WM_APP, WM_QUIT}},
-        FilterCase{"AWindowHasNone", kSomeWindow, 0, 0, {}},
-        FilterCase{"RangeInclusive", nullptr, WM_USER + 1, WM_APP, {WM_USER + 1, WM_APP}},
-        FilterCase{"SingleNumber", nullptr, WM_QUIT, WM_QUIT, {WM_QUIT}},
-        FilterCase{"RangeWithoutMessages", nullptr, 1, 2, {}}),
-    TesselTest::ParamName());
 
 TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
     makeQueue();
-    g_calls = 0;
     ASSERT_TRUE(PostThreadCallback(GetCurrentThreadId(), &countCall, 42));
-    ASSERT_TRUE(PostThreadMessageA(GetCurrentThreadId(), WM_USER, 1, 2));
+    ASSERT_TRUE(post(WM_USER, 1, 2));
     MSG message;
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
     EXPECT_EQ(message.message, WM_TESSEL_CALLBACK);
@@ -191,16 +167,14 @@ TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
 }
 
 TEST(MessageQueue, WaitEndsForAMessagePostedByAnotherThread) {
-    ScopedEvent event;
-    std::atomic<bool> ready{false};
+    CHandle event = manualEvent();
+    const HANDLE objects[] = {event};
     std::atomic<DWORD> waiter{0};
     AsyncCall call([&] {
         makeQueue();
         waiter = GetCurrentThreadId();
-        ready = true;
-        return MsgWaitForMultipleObjects(1, event.address(), FALSE, INFINITE, QS_ALLINPUT);
+        return MsgWaitForMultipleObjects(1, objects, FALSE, INFINITE, QS_ALLINPUT);
     });
-    ASSERT_TRUE(eventually([&] { return ready.load(); }));
     ASSERT_TRUE(call.blocked(SYS_ppoll));
     EXPECT_FALSE(call.done());
     ASSERT_TRUE(PostThreadMessageA(waiter, WM_USER, 0, 0));
@@ -209,17 +183,17 @@ TEST(MessageQueue, WaitEndsForAMessagePostedByAnotherThread) {
 }
 
 TEST(MessageQueue, WaitResultsForObjectsTimeOutAndCountZero) {
-    ScopedEvent unsignalled;
-    ScopedEvent signalled;
-    SetEvent(signalled.get());
-    const HANDLE both[] = {unsignalled.get(), signalled.get()};
+    CHandle unsignalled = manualEvent();
+    CHandle signalled = manualEvent();
+    SetEvent(signalled);
+    const HANDLE both[] = {unsignalled, signalled};
     makeQueue();
     EXPECT_EQ(MsgWaitForMultipleObjects(2, both, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
     EXPECT_EQ(MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
 
     // A signalled object takes precedence over a message.
-    ASSERT_TRUE(PostThreadMessageA(GetCurrentThreadId(), WM_USER, 0, 0));
+    ASSERT_TRUE(post(WM_USER));
     EXPECT_EQ(MsgWaitForMultipleObjects(2, both, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
     EXPECT_EQ(MsgWaitForMultipleObjects(0, nullptr, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0);
@@ -229,53 +203,35 @@ TEST(MessageQueue, WaitResultsForObjectsTimeOutAndCountZero) {
 }
 
 TEST(MessageQueue, WaitEndsOnlyForMessagesThatTheThreadHasNotLookedAt) {
-    ScopedEvent event;
+    CHandle event = manualEvent();
+    const HANDLE objects[] = {event};
     makeQueue();
-    const DWORD self = GetCurrentThreadId();
-    ASSERT_TRUE(PostThreadMessageA(self, WM_USER, 0, 0));
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, event.address(), FALSE, 0, QS_ALLINPUT),
-              WAIT_OBJECT_0 + 1);
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, event.address(), FALSE, 0, QS_ALLINPUT),
-              WAIT_OBJECT_0 + 1)
-        << "the wait itself is no look at the queue";
-
-    // A look that leaves the message (PM_NOREMOVE, or a filter that passes it over) counts.
+    ASSERT_TRUE(post(WM_USER));
+    for (int wait = 0; wait < 2; ++wait) {  // the wait itself is no look at the queue
+        EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    }
+    // A look that leaves the message (a filter that passes it over, or PM_NOREMOVE) counts.
     MSG message;
     EXPECT_FALSE(PeekMessageA(&message, nullptr, WM_APP, WM_APP, PM_REMOVE));
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, event.address(), FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
-    ASSERT_TRUE(PostThreadMessageA(self, WM_USER + 1, 0, 0));
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    ASSERT_TRUE(post(WM_USER + 1));
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE));
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, event.address(), FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
-    EXPECT_EQ(takeAll(nullptr, 0, 0), (std::vector<UINT>{WM_USER, WM_USER + 1}));
-}
-
-TEST(MessageQueue, QueueEndsWithItsThread) {
-    std::atomic<DWORD> tid{0};
-    std::atomic<BOOL> postedWhileAlive{FALSE};
-    std::thread([&] {
-        makeQueue();
-        tid = GetCurrentThreadId();
-        postedWhileAlive = PostThreadMessageA(tid, WM_USER, 0, 0);
-    }).join();
-    EXPECT_TRUE(postedWhileAlive);
-    SetLastError(0);
-    EXPECT_EQ(PostThreadMessageA(tid, WM_USER, 0, 0), FALSE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(takeAll(), (std::vector<UINT>{WM_USER, WM_USER + 1}));
 }
 
 TEST(MessageQueue, QueueHoldsAtMost10000Messages) {
     makeQueue();
-    const DWORD self = GetCurrentThreadId();
     for (int i = 0; i < 10000; ++i) {
-        ASSERT_TRUE(PostThreadMessageA(self, WM_USER, static_cast<WPARAM>(i), 0)) << i;
+        ASSERT_TRUE(post(WM_USER, static_cast<WPARAM>(i))) << i;
     }
     SetLastError(0);
-    EXPECT_FALSE(PostThreadMessageA(self, WM_USER, 0, 0));
+    EXPECT_FALSE(post(WM_USER));
     EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_QUOTA);
     MSG message;
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
     EXPECT_EQ(message.wParam, 0u);
-    EXPECT_TRUE(PostThreadMessageA(self, WM_USER, 0, 0)) << "room for one again";
+    EXPECT_TRUE(post(WM_USER)) << "room for one again";
 }
 
 TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
@@ -322,23 +278,16 @@ TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
 
 TEST(MessageQueue, ForkedChildStartsWithAnEmptyQueueOfItsOwn) {
     makeQueue();
-    ASSERT_TRUE(PostThreadMessageA(GetCurrentThreadId(), WM_USER, 0, 0));
-    const int status = RunInChild(
-        [](void*) {
-            MSG message;
-            if (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
-                return 1;  // the parent's message
-            }
-            if (!PostThreadMessageA(GetCurrentThreadId(), WM_USER + 7, 0, 0)) {
-                return 2;
-            }
-            if (!PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE) ||
-                message.message != WM_USER + 7) {
-                return 3;
-            }
-            return 0;
-        },
-        nullptr);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(takeAll(nullptr, 0, 0), std::vector<UINT>{WM_USER}) << "the parent keeps its own";
+    ASSERT_TRUE(post(WM_USER));
+    EXPECT_EQ(RunInChild([] {
+                  MSG message;
+                  if (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
+                      return 1;  // the parent's message
+                  }
+                  return post(WM_USER + 7) && takeAll() == std::vector<UINT>{WM_USER + 7} ? 0 : 2;
+              }),
+              0);
+    EXPECT_EQ(takeAll(), std::vector<UINT>{WM_USER}) << "the parent keeps its own";
 }
+
+}  // namespace

@@ -1,26 +1,27 @@
-// Windows of other processes, against a receiver run by the test: a thread that listens on the
-// window's SOCK_SEQPACKET socket, records every packet and answers it with one byte.
-#include <fcntl.h>
+// Windows of other processes, against a receiver run by the test.
+#include "tessel/platform/Window.h"
+
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Eventually.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/Process.h"
-#include "tessel/platform/Window.h"
 
 using namespace Tessel::Platform;
 
@@ -32,10 +33,13 @@ std::string uniqueTitle(const char* what) {
            "-" + std::to_string(counter++);
 }
 
+// A thread that listens on the window's SOCK_SEQPACKET socket, records every packet and
+// answers it with one byte; while answers are held, it only records.
 class Receiver {
   public:
-    explicit Receiver(const std::string& title) {
-        m_listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    explicit Receiver(const std::string& title)
+        : m_listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)),
+          m_stop(::eventfd(0, EFD_CLOEXEC)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path + 1, title.data(), title.size());
@@ -43,126 +47,95 @@ class Receiver {
             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + title.size());
         EXPECT_EQ(::bind(m_listener, reinterpret_cast<sockaddr*>(&address), length), 0);
         EXPECT_EQ(::listen(m_listener, 16), 0);
-        EXPECT_EQ(::pipe2(m_control, O_CLOEXEC), 0);
         m_thread = std::thread([this] { serve(); });
     }
-
     ~Receiver() {
-        command('q');
+        EXPECT_EQ(::eventfd_write(m_stop, 1), 0);
         m_thread.join();
         for (const int fd : m_connections) {
             ::close(fd);
         }
         ::close(m_listener);
-        ::close(m_control[0]);
-        ::close(m_control[1]);
+        ::close(m_stop);
     }
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
 
-    // The packets received so far.
     std::vector<std::string> packets() {
         std::lock_guard<std::mutex> guard(m_lock);
         return m_packets;
     }
-
     int accepted() {
         std::lock_guard<std::mutex> guard(m_lock);
         return m_accepted;
     }
-
     void setAnswer(unsigned char answer) { m_answer = answer; }
-
-    // Packets received from now on are answered only at releaseHeld.
-    void holdAnswers() { m_hold = true; }
-
-    // Answers the held packets, and returns once the answers are out.
-    void releaseHeld() { command('r'); }
-
-  private:
-    // Has the serving thread carry out what, and waits until it has.
-    void command(char what) {
-        std::unique_lock<std::mutex> guard(m_lock);
-        const int done = m_commandsDone;
-        EXPECT_EQ(::write(m_control[1], &what, 1), 1);
-        m_changed.wait(guard, [&] { return m_commandsDone != done; });
+    void holdAnswers() {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_hold = true;
+    }
+    // Answers the packets held so far, and those to come.
+    void answerHeld() {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_hold = false;
+        for (const int fd : m_held) {
+            answer(fd);
+        }
+        m_held.clear();
     }
 
+  private:
     void serve() {
         for (;;) {
-            std::vector<pollfd> fds{{m_control[0], POLLIN, 0}, {m_listener, POLLIN, 0}};
+            std::vector<pollfd> fds{{m_stop, POLLIN, 0}, {m_listener, POLLIN, 0}};
             for (const int fd : m_connections) {
                 fds.push_back({fd, POLLIN, 0});
             }
-            if (::poll(fds.data(), fds.size(), -1) <= 0) {
-                continue;
-            }
+            ::poll(fds.data(), fds.size(), -1);
             if (fds[0].revents != 0) {
-                char what = 0;
-                EXPECT_EQ(::read(m_control[0], &what, 1), 1);
-                if (what == 'r') {
-                    m_hold = false;
-                    for (const int fd : m_held) {
-                        answer(fd);
-                    }
-                    m_held.clear();
-                }
-                std::lock_guard<std::mutex> guard(m_lock);
-                ++m_commandsDone;
-                m_changed.notify_all();
-                if (what == 'q') {
-                    return;
-                }
-                continue;
+                return;
             }
+            std::lock_guard<std::mutex> guard(m_lock);
             if (fds[1].revents != 0) {
-                const int fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-                if (fd >= 0) {
-                    m_connections.push_back(fd);
-                    std::lock_guard<std::mutex> guard(m_lock);
-                    ++m_accepted;
-                }
+                m_connections.push_back(::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC));
+                ++m_accepted;
             }
-            for (std::size_t k = 2; k < fds.size(); ++k) {
-                if (fds[k].revents == 0) {
+            for (auto entry = std::next(fds.begin(), 2); entry != fds.end(); ++entry) {
+                if (entry->revents == 0) {
                     continue;
                 }
                 char packet[4096];
-                const ssize_t got = ::recv(fds[k].fd, packet, sizeof packet, 0);
+                const ssize_t got = ::recv(entry->fd, packet, sizeof packet, 0);
                 if (got <= 0) {
-                    ::close(fds[k].fd);
-                    std::erase(m_connections, fds[k].fd);
+                    ::close(entry->fd);
+                    std::erase(m_connections, entry->fd);
+                    std::erase(m_held, entry->fd);
                     continue;
                 }
-                {
-                    std::lock_guard<std::mutex> guard(m_lock);
-                    m_packets.emplace_back(packet, static_cast<std::size_t>(got));
-                }
+                m_packets.emplace_back(packet, static_cast<std::size_t>(got));
                 if (m_hold) {
-                    m_held.push_back(fds[k].fd);
+                    m_held.push_back(entry->fd);
                 } else {
-                    answer(fds[k].fd);
+                    answer(entry->fd);
                 }
             }
         }
     }
-
     void answer(int fd) {
         const unsigned char byte = m_answer;
         EXPECT_EQ(::send(fd, &byte, 1, MSG_NOSIGNAL), 1);
     }
 
-    int m_listener = -1;
-    int m_control[2] = {-1, -1};
+    const int m_listener;
+    const int m_stop;
     std::thread m_thread;
-    std::vector<int> m_connections;  // serving thread only
-    std::vector<int> m_held;         // serving thread only
     std::atomic<unsigned char> m_answer{1};
-    std::atomic<bool> m_hold{false};
-
-    std::mutex m_lock;
-    std::condition_variable m_changed;
+    std::mutex m_lock;  // guards what follows; m_connections is the serving thread's
+    std::vector<int> m_connections;
+    std::vector<int> m_held;
+    bool m_hold = false;
     std::vector<std::string> m_packets;
     int m_accepted = 0;
-    int m_commandsDone = 0;
 };
 
 LRESULT send(HWND window, ULONG_PTR type, std::string data, DWORD_PTR* result,
@@ -178,15 +151,12 @@ std::size_t openDescriptors() {
                       std::filesystem::directory_iterator()));
 }
 
-}  // namespace
-
-TEST(Window, SendsTypeAndDataAndReturnsTheAnswer) {
+TEST(Window, SendsTypeAndDataOverOneSharedConnectionAndReturnsTheAnswer) {
     const std::string title = uniqueTitle("send");
     Receiver receiver(title);
     receiver.setAnswer(0xA5);
     HWND window = FindWindowA(nullptr, title.c_str());
     ASSERT_NE(window, nullptr);
-
     DWORD_PTR result = 0;
     EXPECT_NE(send(window, 0x0102030405060708u, "record", &result), 0);
     EXPECT_EQ(result, 0xA5u);
@@ -195,15 +165,8 @@ TEST(Window, SendsTypeAndDataAndReturnsTheAnswer) {
     ASSERT_EQ(packets.size(), 2u);
     EXPECT_EQ(packets[0], std::string("\x08\x07\x06\x05\x04\x03\x02\x01record", 14));
     EXPECT_EQ(packets[1], std::string("\x03\0\0\0\0\0\0\0", 8));
-}
 
-TEST(Window, LookUpsShareOneConnection) {
-    const std::string title = uniqueTitle("share");
-    Receiver receiver(title);
-    HWND window = FindWindowA(nullptr, title.c_str());
-    ASSERT_NE(window, nullptr);
-    DWORD_PTR result = 0;
-    EXPECT_NE(send(window, 1, "x", &result), 0);  // accepted by now
+    // Look-ups hand out the same handle and cost no descriptor.
     const std::size_t descriptors = openDescriptors();
     for (int i = 0; i < 100; ++i) {
         EXPECT_EQ(FindWindowA(nullptr, title.c_str()), window);
@@ -211,7 +174,7 @@ TEST(Window, LookUpsShareOneConnection) {
     }
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_EQ(receiver.accepted(), 1);
-    EXPECT_EQ(receiver.packets().size(), 101u);
+    EXPECT_EQ(receiver.packets().size(), 102u);
 }
 
 TEST(Window, ConnectionsOfGoneReceiversAreClosed) {
@@ -220,14 +183,13 @@ TEST(Window, ConnectionsOfGoneReceiversAreClosed) {
     Receiver stays(other);
     HWND staying = FindWindowA(nullptr, other.c_str());
     ASSERT_NE(staying, nullptr);
-    DWORD_PTR answer = 0;
-    EXPECT_NE(send(staying, 1, "x", &answer), 0);  // accepted by now
+    DWORD_PTR result = 0;
+    EXPECT_NE(send(staying, 1, "x", &result), 0);  // accepted by now
     const std::size_t descriptors = openDescriptors();
     {
         Receiver receiver(title);
         HWND window = FindWindowA(nullptr, title.c_str());
         ASSERT_NE(window, nullptr);
-        DWORD_PTR result = 0;
         EXPECT_NE(send(window, 1, "x", &result), 0);
     }
     // Gone with its receiver: the next look-up of any window closes its connection.
@@ -239,7 +201,6 @@ TEST(Window, ReceiverThatWentAndCameBack) {
     const std::string title = uniqueTitle("gone");
     EXPECT_EQ(FindWindowA(nullptr, title.c_str()), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-
     HWND window = nullptr;
     {
         Receiver receiver(title);
@@ -264,14 +225,13 @@ TEST(Window, LateAnswerIsDroppedAndNotTakenForTheNext) {
     Receiver receiver(title);
     HWND window = FindWindowA(nullptr, title.c_str());
     ASSERT_NE(window, nullptr);
-
     receiver.holdAnswers();
     receiver.setAnswer(7);
     DWORD_PTR result = 0;
     EXPECT_EQ(send(window, 1, "first", &result, 50), 0);
     EXPECT_EQ(GetLastError(), ERROR_TIMEOUT);
-    receiver.releaseHeld();  // the answer 7 is on its way now
-
+    ASSERT_TRUE(TesselTest::eventually([&] { return receiver.packets().size() == 1; }));
+    receiver.answerHeld();  // the answer 7 is on its way now
     receiver.setAnswer(9);
     EXPECT_NE(send(window, 2, "second", &result), 0);
     EXPECT_EQ(result, 9u);
@@ -287,11 +247,12 @@ TEST(Window, SendersOfManyThreadsTakeTurns) {
             for (int i = 0; i < 25; ++i) {
                 HWND window = FindWindowA(nullptr, title.c_str());
                 DWORD_PTR result = 0;
-                if (window != nullptr &&
-                    send(window, static_cast<ULONG_PTR>(t), std::to_string(i), &result) != 0 &&
-                    result == 1) {
-                    ++answered;
-                }
+                answered += window != nullptr &&
+                                    send(window, static_cast<ULONG_PTR>(t), std::to_string(i),
+                                         &result) != 0 &&
+                                    result == 1
+                                ? 1
+                                : 0;
             }
         });
     }
@@ -305,11 +266,10 @@ TEST(Window, SendersOfManyThreadsTakeTurns) {
 TEST(Window, RefusesWhatItCannotSend) {
     DWORD_PTR result = 0;
     int notAWindow = 0;
-    EXPECT_EQ(send(reinterpret_cast<HWND>(&notAWindow), 1, "x", &result), 0);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
-    EXPECT_EQ(send(nullptr, 1, "x", &result), 0);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
-
+    for (HWND bad : {reinterpret_cast<HWND>(&notAWindow), HWND{nullptr}}) {
+        EXPECT_EQ(send(bad, 1, "x", &result), 0);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
+    }
     const std::string title = uniqueTitle("refuse");
     Receiver receiver(title);
     HWND window = FindWindowA(nullptr, title.c_str());
@@ -325,3 +285,5 @@ TEST(Window, RefusesWhatItCannotSend) {
     EXPECT_EQ(FindWindowA(nullptr, std::string(108, 't').c_str()), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
 }
+
+}  // namespace
