@@ -1,3 +1,4 @@
+// Tessel::CHandle and Tessel::CEvent: ownership that moves on copy, and the event operations.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -12,7 +13,6 @@
 using namespace Tessel::Platform;
 using Tessel::CEvent;
 using Tessel::CHandle;
-using Tessel::CHResultException;
 
 namespace {
 
@@ -20,14 +20,8 @@ HANDLE newEvent() {
     return CreateEventA(nullptr, TRUE, FALSE, nullptr);
 }
 
-// Whether handle had been closed already; closes it if not. Call it once the object under
-// test is done with the handle.
-bool wasClosed(HANDLE handle) {
-    if (CloseHandle(handle) != FALSE) {
-        return false;
-    }
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    return true;
+bool isOpen(HANDLE handle) {
+    return WaitForSingleObject(handle, 0) != WAIT_FAILED;
 }
 
 bool signalled(HANDLE event) {
@@ -42,57 +36,45 @@ const std::string kOverlongName(261, 'n');  // MAX_PATH is 260
 
 }  // namespace
 
-TEST(Handle, OwnsAndClosesItsHandle) {
+TEST(Handle, OwnsItsHandleAndCopyingMovesIt) {
     CHandle empty;
     EXPECT_EQ(raw(empty), nullptr);
     empty.Close();
 
-    HANDLE a = newEvent(), b = newEvent(), c = newEvent();
+    HANDLE a = newEvent(), b = newEvent(), c = newEvent(), d = newEvent();
     {
-        CHandle first(a);
-        first.Close();
-        EXPECT_EQ(raw(first), nullptr);
-        EXPECT_TRUE(wasClosed(a));
-
         CHandle attached(b);
-        attached.Attach(c);  // does not close b
+        attached.Attach(c);
+        EXPECT_TRUE(isOpen(b)) << "Attach closes nothing";
         EXPECT_EQ(raw(attached), c);
         EXPECT_EQ(attached.Detach(), c);
         EXPECT_EQ(raw(attached), nullptr);
-    }
-    EXPECT_FALSE(wasClosed(b));
-    EXPECT_FALSE(wasClosed(c));
-}
 
-TEST(Handle, CopyMovesAndOnlyTheCopyCloses) {
-    HANDLE a = newEvent();
-    CHandle source(a);
-    {
+        CHandle source(a);
         CHandle copy(source);
         EXPECT_EQ(raw(source), nullptr);
         EXPECT_EQ(raw(copy), a);
-    }
-    EXPECT_TRUE(wasClosed(a));
-}
-
-TEST(Handle, AssignmentClosesTheHeldHandleFirst) {
-    HANDLE a = newEvent(), b = newEvent();
-    {
-        CHandle target(a), source(b);
-        target = source;
-        EXPECT_EQ(raw(target), b);
-        EXPECT_EQ(raw(source), nullptr);
-        EXPECT_TRUE(wasClosed(a));
-
+        CHandle target(b);
+        target = copy;
+        EXPECT_EQ(raw(target), a);
+        EXPECT_EQ(raw(copy), nullptr);
+        EXPECT_FALSE(isOpen(b)) << "assignment closes the handle held";
         CHandle& same = target;
         target = same;
         target = std::move(same);
-        EXPECT_EQ(raw(target), b);
+        EXPECT_EQ(raw(target), a);
+
+        CHandle closed(d);
+        closed.Close();
+        EXPECT_EQ(raw(closed), nullptr);
+        EXPECT_FALSE(isOpen(d));
     }
-    EXPECT_TRUE(wasClosed(b));
+    EXPECT_FALSE(isOpen(a)) << "closed by its one owner";
+    EXPECT_TRUE(isOpen(c));
+    CloseHandle(c);
 }
 
-TEST(Event, ConstructorCreatesAtOnce) {
+TEST(Event, ConstructorCreatesAtOnceOrThrowsTheLastErrorAsHresult) {
     const struct {
         int manualReset, initialState;
         bool first, second;  // signalled at the first and the second test
@@ -106,13 +88,10 @@ TEST(Event, ConstructorCreatesAtOnce) {
         EXPECT_EQ(signalled(event), c.first) << c.manualReset << c.initialState;
         EXPECT_EQ(signalled(event), c.second) << c.manualReset << c.initialState;
     }
-}
-
-TEST(Event, ConstructorThrowsTheLastErrorAsHresult) {
     try {
         CEvent event(nullptr, TRUE, FALSE, kOverlongName.c_str());
         FAIL() << "no exception";
-    } catch (const CHResultException& e) {
+    } catch (const Tessel::CHResultException& e) {
         EXPECT_EQ(static_cast<std::uint32_t>(e.m_hr), 0x800700CEu);  // error 206
         EXPECT_EQ(e.GetHResult(), e.m_hr);
         EXPECT_STREQ(e.what(), "HRESULT 0x800700CE");
@@ -138,8 +117,10 @@ TEST(Event, CreateAndOpenStoreOverTheHeldHandleWithoutThrowing) {
     EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
     EXPECT_EQ(raw(event), nullptr);
 
-    EXPECT_FALSE(wasClosed(first));
-    EXPECT_FALSE(wasClosed(named));
+    EXPECT_TRUE(isOpen(first));
+    EXPECT_TRUE(isOpen(named));
+    CloseHandle(first);
+    CloseHandle(named);
 }
 
 TEST(Event, OperationsForward) {

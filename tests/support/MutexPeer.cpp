@@ -2,27 +2,22 @@
 // mutex guard.
 //
 //   tessel_mutex_peer hold NAME
-//       locks the named mutex, writes 'L' to descriptor 3, waits until descriptor 4 yields a
-//       byte or its end, releases the mutex and exits 0.
+//       locks the named mutex, writes "locked" and a line end to its standard output, waits
+//       for the end of its standard input, releases the mutex and exits 0.
 //   tessel_mutex_peer die NAME
-//       locks the named mutex, writes 'L' to descriptor 3 and kills itself (SIGKILL) while it
-//       holds the mutex, which is thereby abandoned.
+//       locks the named mutex, writes "locked" and a line end and kills itself (SIGKILL)
+//       while it holds the mutex, which is thereby abandoned.
 // Exits 1 if the mutex cannot be had, 2 on bad arguments.
 #include <signal.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/Mutex.h"
 
 using namespace Tessel::Platform;
-
-namespace {
-constexpr int kReportFd = 3;
-constexpr int kCommandFd = 4;
-}  // namespace
 
 int main(int argc, char** argv) {
     if (argc != 3) {
@@ -40,15 +35,13 @@ int main(int argc, char** argv) {
     if (result != WAIT_OBJECT_0 && result != WAIT_ABANDONED) {
         return 1;
     }
-    const char held = 'L';
-    if (::write(kReportFd, &held, 1) != 1) {
+    if (std::fputs("locked\n", stdout) < 0 || std::fflush(stdout) != 0) {
         return 1;
     }
     if (die) {
         ::kill(::getpid(), SIGKILL);
     }
-    char command;
-    while (::read(kCommandFd, &command, 1) < 0 && errno == EINTR) {
+    while (std::fgetc(stdin) != EOF) {
     }
     ReleaseMutex(mutex);
     CloseHandle(mutex);

@@ -1,70 +1,32 @@
+// LockFreeSpinLock beyond the guard contract (tests/base/SyncGuardContractTest.cpp): the
+// holder's own try, and the monitor element that counts the failed rounds of a contended lock.
 #include "tessel/threads/LockFreeSpinLock.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 
-#include <atomic>
-#include <chrono>
-#include <thread>
-#include <vector>
-
-#include "tessel/base/ReadWriteLock.h"
+#include "support/WaitProbe.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
 
-namespace {
-
-TEST(LockFreeSpinLock, UncontendedLockCountsNothing) {
+TEST(LockFreeSpinLock, OnlyAContendedLockCountsItsFailedRounds) {
     CMonitorElementContainer container("Spin");
     LockFreeSpinLock spin;
     spin.initMonitor(container);
     CMonitorElement* tries = container.findOrAdd("TryCount", "", true);
     spin.lock();
-    EXPECT_EQ(tries->get(), 0.0);
-    EXPECT_FALSE(spin.tryLock());
-    spin.unlock();
-    EXPECT_TRUE(spin.tryLock());
-    spin.unlock();
-    spin.deinitMonitor();
-}
+    EXPECT_FALSE(spin.tryLock()) << "not even for the holder";
+    EXPECT_EQ(tries->get(), 0.0) << "neither the free lock nor a try counts";
 
-TEST(LockFreeSpinLock, ContendedLockCountsItsFailedRounds) {
-    CMonitorElementContainer container("Spin2");
-    LockFreeSpinLock spin;
-    spin.initMonitor(container);
-    CMonitorElement* tries = container.findOrAdd("TryCount", "", true);
-    spin.lock();
-    std::atomic<bool> got{false};
-    std::thread waiter([&] {
+    TesselTest::AsyncCall waiter([&] {
         spin.lock();
-        got = true;
         spin.unlock();
+        return Tessel::Platform::DWORD{1};
     });
-    // The waiter spins, and sleeps every tenth round, until the lock is free.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(got.load());
+    // It spins, and sleeps (in a futex wait) every tenth round, until the lock is free.
+    EXPECT_TRUE(waiter.blocked(SYS_futex));
+    EXPECT_FALSE(waiter.done());
     spin.unlock();
-    waiter.join();
-    EXPECT_TRUE(got.load());
+    ASSERT_TRUE(waiter.finishes());
     EXPECT_GE(tries->get(), 10.0);
     spin.deinitMonitor();
 }
-
-TEST(LockFreeSpinLock, MutualExclusionThroughTheGuardInterface) {
-    LockFreeSpinLock spin;
-    ISyncGuard& guard = spin;
-    long counter = 0;  // guarded by spin
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                CReadWriteLock hold(guard, i % 2 == 0, true);
-                ++counter;
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(counter, 80000);
-}
-
-}  // namespace
