@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <boost/regex.hpp>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -15,94 +18,87 @@
 namespace {
 
 namespace fs = std::filesystem;
+using Names = std::vector<std::string>;
 
-std::string scratch(const std::string& name) {
-    const std::string folder = CTempDirectory::GetTempDirectoryCurrentUser() + name;
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    return folder;
+// A fresh folder in the temp directory with an empty file of each name.
+std::string scratch(const std::string& folder, const Names& files = {}) {
+    const std::string path = CTempDirectory::GetTempDirectoryCurrentUser() + folder;
+    fs::remove_all(path);
+    fs::create_directories(path);
+    for (const std::string& name : files) {
+        std::ofstream(path + "/" + name) << "x";
+    }
+    return path;
 }
 
-TEST(DirectoryCreate, DriveRootsAndLengths) {
+Names sorted(Names names) {
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(DirectoryCreate, DriveRootsLengthsAndNestedPathsInBothForms) {
     EXPECT_TRUE(CFileHelper::DirectoryCreate("C:"));
     EXPECT_TRUE(CFileHelper::DirectoryCreate("X:\\"));
     EXPECT_FALSE(CFileHelper::DirectoryCreate(nullptr));
-    const std::string base = scratch("long") + "/";
-    TesselTest::LogCapture capture;
+    const std::string folder = scratch("create");
+    const std::string base = folder + "/";
+    const TesselTest::LogCapture capture;
     EXPECT_FALSE(
         CFileHelper::DirectoryCreate((base + std::string(259 - base.size(), 'a')).c_str()));
     EXPECT_EQ(capture.text(), "");  // refused without a log line
     const std::string fits = base + std::string(258 - base.size(), 'b');
     EXPECT_TRUE(CFileHelper::DirectoryCreate(fits.c_str()));
     EXPECT_TRUE(fs::is_directory(fits));
-}
 
-TEST(DirectoryCreate, NestedPathsInBothForms) {
-    const std::string base = scratch("nested");
-    EXPECT_TRUE(CFileHelper::DirectoryCreate((base + "/a/b/c").c_str()));
-    EXPECT_TRUE(fs::is_directory(base + "/a/b/c"));
-    EXPECT_TRUE(CFileHelper::DirectoryCreate((base + "/a/b/c").c_str()));  // exists
-    EXPECT_TRUE(CFileHelper::DirectoryCreate((base + "\\d\\e/f").c_str()));
-    EXPECT_TRUE(fs::is_directory(base + "/d/e/f"));
+    EXPECT_TRUE(CFileHelper::DirectoryCreate((base + "a/b/c").c_str()));
+    EXPECT_TRUE(fs::is_directory(base + "a/b/c"));
+    EXPECT_TRUE(CFileHelper::DirectoryCreate((base + "a/b/c").c_str()));  // exists
+    EXPECT_TRUE(CFileHelper::DirectoryCreate((folder + "\\d\\e/f").c_str()));
+    EXPECT_TRUE(fs::is_directory(base + "d/e/f"));
 }
 
 TEST(DirectoryCreate, OnlyTheLastLevelCounts) {
-    const std::string base = scratch("last");
-    std::ofstream(base + "/file") << "x";
-    TesselTest::LogCapture capture;
+    const std::string base = scratch("last", {"file"});
+    const TesselTest::LogCapture capture;
     EXPECT_FALSE(CFileHelper::DirectoryCreate((base + "\\file\\leaf").c_str()));
-    EXPECT_NE(capture.text().find("[CFileHelper::DirectoryCreate] Failed to create dir \"" + base +
-                                  "/file/leaf\" with error 20"),
-              std::string::npos)
-        << capture.text();
     EXPECT_FALSE(CFileHelper::DirectoryCreateA((base + "/file/leaf").c_str()));
-    EXPECT_NE(capture.text().find("[CFileHelper::DirectoryCreateA] Failed to create " + base +
-                                  "/file/leaf : "),
+    const std::string log = capture.text();
+    EXPECT_NE(log.find("[CFileHelper::DirectoryCreate] Failed to create dir \"" + base +
+                       "/file/leaf\" with error 20"),
               std::string::npos)
-        << capture.text();
+        << log;
+    EXPECT_NE(
+        log.find("[CFileHelper::DirectoryCreateA] Failed to create " + base + "/file/leaf : "),
+        std::string::npos)
+        << log;
 }
 
-TEST(FindFiles, WildcardsOfThePlatform) {
-    const std::string base = scratch("find");
-    for (const char* name : {"Station.LOG", "station_2.log", "noext", "a.b.c"}) {
-        std::ofstream(base + "/" + name) << "x";
-    }
+TEST(FindFiles, WildcardsOfThePlatformAndWholeNameExpressions) {
+    const std::string base = scratch("find", {"Station.LOG", "station_2.log", "noext", "a.b.c"});
     fs::create_directories(base + "/folder.log");
-    struct {
-        const char* pattern;
-        std::vector<std::string> names;
-    } const cases[] = {
+    const std::pair<const char*, Names> cases[] = {
         {"*.log", {"Station.LOG", "station_2.log"}},
         {"*.*", {"Station.LOG", "a.b.c", "noext", "station_2.log"}},
         {"station?2.*", {"station_2.log"}},
         {"*.c", {"a.b.c"}},
         {"nothing*", {}},
     };
-    for (const auto& c : cases) {
-        std::vector<std::string> names;
-        EXPECT_EQ(CFileHelper::FindFiles(base, c.pattern, &names), !c.names.empty()) << c.pattern;
-        std::sort(names.begin(), names.end());
-        std::vector<std::string> expected = c.names;
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(names, expected) << c.pattern;
+    for (const auto& [pattern, expected] : cases) {
+        Names names;
+        EXPECT_EQ(CFileHelper::FindFiles(base, pattern, &names), !expected.empty()) << pattern;
+        EXPECT_EQ(sorted(names), sorted(expected)) << pattern;
     }
-    std::vector<std::string> kept{"kept"};
+    Names kept{"kept"};
     EXPECT_FALSE(CFileHelper::FindFiles(base + "/missing", "*.*", &kept));
-    EXPECT_EQ(kept, std::vector<std::string>{"kept"});
+    EXPECT_EQ(kept, Names{"kept"});
     EXPECT_TRUE(CFileHelper::FindFilesA(base, "*.LOG", nullptr));
-}
 
-TEST(FindFiles, RegularExpressionsMatchTheWholeName) {
-    const std::string base = scratch("regex");
-    for (const char* name :
-         {"App_2021-05-27.log", "App_2021-05-27.3.log", "App_x.log", "xApp_1.log"}) {
-        std::ofstream(base + "/" + name) << "x";
-    }
-    std::vector<std::string> names{"emptied"};
-    EXPECT_TRUE(CFileHelper::FindFiles(base, std::string("App_[0-9.-]*[.]log"), names));
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"App_2021-05-27.3.log", "App_2021-05-27.log"}));
-    EXPECT_THROW(CFileHelper::FindFiles(base, std::string("(unclosed"), names), boost::regex_error);
+    const std::string logs =
+        scratch("regex", {"App_2021-05-27.log", "App_2021-05-27.3.log", "App_x.log", "xApp_1.log"});
+    Names names{"emptied"};
+    EXPECT_TRUE(CFileHelper::FindFiles(logs, std::string("App_[0-9.-]*[.]log"), names));
+    EXPECT_EQ(sorted(names), (Names{"App_2021-05-27.3.log", "App_2021-05-27.log"}));
+    EXPECT_THROW(CFileHelper::FindFiles(logs, std::string("(unclosed"), names), boost::regex_error);
 }
 
 TEST(TempDirectory, FromTheRegistryNormalised) {

@@ -2,80 +2,83 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
+#include <optional>
 #include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/ScratchRegistry.h"
 #include "tessel/logging/ILogging.h"
 
 using namespace Tessel::Platform;
+using namespace std::string_literals;
 
 namespace {
+
+const char* const kKey = "SOFTWARE\\Tarvo Works\\GPS Velkor\\Test";
+const DWORD kNoValue = 0xFFFFFFFFu;
+
+// Stores raw bytes of a type, bypassing REG's conventions.
+void raw(const std::string& key, const char* name, DWORD type, const std::string& data) {
+    HKEY handle = nullptr;
+    ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                              nullptr, &handle, nullptr),
+              ERROR_SUCCESS);
+    ASSERT_EQ(RegSetValueExA(handle, name, 0, type, reinterpret_cast<const BYTE*>(data.data()),
+                             static_cast<DWORD>(data.size())),
+              ERROR_SUCCESS);
+    RegCloseKey(handle);
+}
+
+// The type of a value, kNoValue when there is none.
+DWORD typeOf(const std::string& key, const char* name) {
+    DWORD type = REG_NONE;
+    return RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_ANY, &type, nullptr,
+                        nullptr) == ERROR_SUCCESS
+               ? type
+               : kNoValue;
+}
 
 class Reg : public testing::Test {
   protected:
     void SetUp() override { TesselTest::UseScratchRegistry(); }
-
-    // Stores raw bytes of a type, bypassing REG's conventions.
-    static void raw(const std::string& key, const char* name, DWORD type, const void* data,
-                    DWORD size) {
-        HKEY handle = nullptr;
-        ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                  nullptr, &handle, nullptr),
-                  ERROR_SUCCESS);
-        ASSERT_EQ(RegSetValueExA(handle, name, 0, type, static_cast<const BYTE*>(data), size),
-                  ERROR_SUCCESS);
-        RegCloseKey(handle);
-    }
-
-    static DWORD typeOf(const std::string& key, const char* name) {
-        DWORD type = REG_NONE;
-        return RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_ANY, &type, nullptr,
-                            nullptr) == ERROR_SUCCESS
-                   ? type
-                   : 0xFFFFFFFFu;
-    }
 };
 
-const char* const kKey = "SOFTWARE\\Tarvo Works\\GPS Velkor\\Test";
-
-TEST_F(Reg, MissPlantsTheDefaultOnlyWhenAsked) {
-    EXPECT_EQ(REG::Get(kKey, "Port", "9800"), "9800");
-    EXPECT_EQ(typeOf(kKey, "Port"), 0xFFFFFFFFu);  // not planted
-    EXPECT_EQ(REG::Get(kKey, "Port", "9800", false, true), "9800");
-    EXPECT_EQ(REG::Get(kKey, "Port", "1"), "9800");  // planted, and read back
+TEST_F(Reg, StringReadsMissAndPlantTheDefaultOnlyWhenAsked) {
+    // What a read gives, nullopt for a miss; REG_NONE rows are not stored at all.
+    const struct {
+        const char* name;
+        DWORD type;
+        std::string bytes;
+        std::optional<std::string> read;
+    } cases[] = {
+        {"Missing", REG_NONE, "", std::nullopt},
+        {"Long", REG_SZ, std::string(256, 'x') + '\0', std::nullopt},  // 257 bytes with the NUL
+        {"Fits", REG_SZ, std::string(255, 'y') + '\0', std::string(255, 'y')},
+        {"Dword", REG_DWORD, "\5\0\0\0"s, std::nullopt},
+        {"Unterminated", REG_SZ, "abc", std::nullopt},
+        {"Expand", REG_EXPAND_SZ, "%TEMP%\0"s, "%TEMP%"},  // not expanded
+        {"Empty", REG_SZ, "\0"s, ""},
+        {"NoBytes", REG_SZ, "", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.type != REG_NONE) {
+            raw(kKey, c.name, c.type, c.bytes);
+        }
+        EXPECT_EQ(REG::Get(kKey, c.name, "e"), c.read.value_or("e"));
+        EXPECT_EQ(typeOf(kKey, c.name), c.type == REG_NONE ? kNoValue : c.type);    // left alone
+        EXPECT_EQ(REG::Get(kKey, c.name, "d", false, true), c.read.value_or("d"));  // plants
+        EXPECT_EQ(REG::Get(kKey, c.name, "e"), c.read.value_or("d"));
+        if (!c.read) {
+            EXPECT_EQ(typeOf(kKey, c.name), REG_SZ);
+        }
+    }
     EXPECT_EQ(REG::Get(kKey, "Nothing", nullptr), "");
-}
-
-TEST_F(Reg, StringReadMisses) {
-    const std::string longText(256, 'x');  // 257 bytes with the terminator
-    raw(kKey, "Long", REG_SZ, longText.c_str(), 257);
-    EXPECT_EQ(REG::Get(kKey, "Long", "short"), "short");
-    EXPECT_EQ(REG::Get(kKey, "Long", "short", false, true), "short");
-    EXPECT_EQ(REG::Get(kKey, "Long", "other"), "short");  // overwritten by the default
-
-    const std::string fits(255, 'y');
-    raw(kKey, "Fits", REG_SZ, fits.c_str(), 256);
-    EXPECT_EQ(REG::Get(kKey, "Fits", "d"), fits);
-
-    const DWORD number = 5;
-    raw(kKey, "Dword", REG_DWORD, &number, 4);
-    EXPECT_EQ(REG::Get(kKey, "Dword", "7", false, true), "7");
-    EXPECT_EQ(typeOf(kKey, "Dword"), REG_SZ);
-
-    raw(kKey, "Unterminated", REG_SZ, "abc", 3);
-    EXPECT_EQ(REG::Get(kKey, "Unterminated", "d"), "d");
-    raw(kKey, "Expand", REG_EXPAND_SZ, "%TEMP%", 7);
-    EXPECT_EQ(REG::Get(kKey, "Expand", "d"), "%TEMP%");  // not expanded
-    raw(kKey, "Empty", REG_SZ, "", 1);
-    EXPECT_EQ(REG::Get(kKey, "Empty", "d", false, true), "");
-    raw(kKey, "NoBytes", REG_SZ, "", 0);
-    EXPECT_EQ(REG::Get(kKey, "NoBytes", "d"), "");
 }
 
 TEST_F(Reg, NumbersAndFlagsAreKeptAsText) {
@@ -105,17 +108,15 @@ TEST_F(Reg, NumbersAndFlagsAreKeptAsText) {
     EXPECT_STREQ(buffer, "123");  // cut to the buffer
 }
 
-TEST_F(Reg, WriteCutsTrailingBlanksInTheCallersBuffer) {
+TEST_F(Reg, WriteCutsTrailingBlanksAndStamps) {
     char text[] = "value  ";
     EXPECT_TRUE(REG::Write(kKey, "Blanks", text));
-    EXPECT_STREQ(text, "value");
+    EXPECT_STREQ(text, "value");  // in the caller's buffer
     EXPECT_EQ(REG::Get(kKey, "Blanks", "d"), "value");
     const char* constant = "kept \t";
     REG::Write(kKey, "Constant", constant);
     EXPECT_EQ(REG::Get(kKey, "Constant", "d"), "kept");
-}
 
-TEST_F(Reg, WriteWithTimeStamp) {
     REG::Write(kKey, "Stamped", "started", true);
     const std::string stored = REG::Get(kKey, "Stamped", "");
     EXPECT_TRUE(std::regex_match(
@@ -124,8 +125,8 @@ TEST_F(Reg, WriteWithTimeStamp) {
 }
 
 TEST_F(Reg, PrioGetTakesTheFirstNonEmptyText) {
-    const std::string first = std::string(kKey) + "\\First";
-    const std::string second = std::string(kKey) + "\\Second";
+    const std::string first = kKey + "\\First"s;
+    const std::string second = kKey + "\\Second"s;
     REG::Write(first, "N", "");
     REG::Write(second, "N", "5");
     EXPECT_EQ(REG::PrioGet(first, second, "N", "d"), "5");
@@ -139,7 +140,7 @@ TEST_F(Reg, PrioGetTakesTheFirstNonEmptyText) {
     EXPECT_TRUE(REG::PrioGet(first, second, "None", true));
 }
 
-TEST_F(Reg, DwordValues) {
+TEST_F(Reg, DwordValuesAndTheirRepair) {
     EXPECT_TRUE(REG::WriteLong(kKey, "Dword", -2));
     EXPECT_EQ(REG::GetLong(kKey, "Dword", 0), -2);
     EXPECT_EQ(typeOf(kKey, "Dword"), REG_DWORD);
@@ -151,12 +152,12 @@ TEST_F(Reg, DwordValues) {
     EXPECT_EQ(typeOf(kKey, "Text"), REG_DWORD);  // repaired
     EXPECT_EQ(REG::GetLong(kKey, "Text", 0), 99);
 
-    const std::string missingKey = std::string(kKey) + "\\NotThere";
+    const std::string missingKey = kKey + "\\NotThere"s;
     EXPECT_EQ(REG::GetLong(missingKey, "V", 4, true), 4);
     EXPECT_EQ(REG::GetLong(missingKey, "V", 0), 4);
     // A missing value in an existing key: the delete fails, so nothing is written.
     EXPECT_EQ(REG::GetLong(kKey, "Absent", 6, true), 6);
-    EXPECT_EQ(typeOf(kKey, "Absent"), 0xFFFFFFFFu);
+    EXPECT_EQ(typeOf(kKey, "Absent"), kNoValue);
 }
 
 TEST_F(Reg, BinaryValuesAndTheirTraceMessages) {
@@ -169,26 +170,26 @@ TEST_F(Reg, BinaryValuesAndTheirTraceMessages) {
     EXPECT_EQ(std::memcmp(read, data, 4), 0);
 
     ILogging::getInstance().setLogLevel(ILogging::Trace);
-    TesselTest::LogCapture logCapture1;
+    const TesselTest::LogCapture traced;
     size = sizeof read;
     EXPECT_EQ(REG::Get(kKey, "NoBytes", read, &size), 0);
     size = 2;
     EXPECT_EQ(REG::Get(kKey, "Bytes", read, &size), 0);
-    const std::string log = logCapture1.text();
-    EXPECT_NE(log.find("trace [REG::Get] REG::Get(BYTE),(" + std::string(kKey) +
+    const std::string log = traced.text();
+    EXPECT_NE(log.find("trace [REG::Get] REG::Get(BYTE),("s + kKey +
                        ", NoBytes)failed: The system cannot find the file specified.\n"),
               std::string::npos)
         << log;
     EXPECT_NE(log.find(", Bytes)failed: More data is available.\n"), std::string::npos) << log;
 
     ILogging::getInstance().setLogLevel(ILogging::Info);
-    TesselTest::LogCapture logCapture2;
+    const TesselTest::LogCapture quiet;
     size = sizeof read;
     EXPECT_EQ(REG::Get(kKey, "NoBytes", read, &size), 0);
-    EXPECT_EQ(logCapture2.text(), "");
+    EXPECT_EQ(quiet.text(), "");
 }
 
-TEST_F(Reg, Listings) {
+TEST_F(Reg, ListingsAndDeletions) {
     const std::string base = "SOFTWARE\\Tarvo Works\\Listing";
     REG::CreateSubKey(base + "\\Beta");
     REG::CreateSubKey(base + "\\alpha");
@@ -198,25 +199,21 @@ TEST_F(Reg, Listings) {
     EXPECT_FALSE(REG::GetSubDir("NoSuchKey", names));
 
     // Each name is fetched with room for the length of its predecessor.
-    const std::string falling = base + "\\Falling";
     for (const char* name : {"abcd", "abc", "ab"}) {
-        REG::Write(falling, name, "x");
+        REG::Write(base + "\\Falling", name, "x");
     }
-    names.clear();
-    EXPECT_TRUE(REG::GetKeyValues(falling, names));
-    EXPECT_EQ(names, (std::vector<std::string>{"abcd", "abc", "ab"}));
-    const std::string rising = base + "\\Rising";
     for (const char* name : {"ab", "abcd"}) {
-        REG::Write(rising, name, "x");
+        REG::Write(base + "\\Rising", name, "x");
     }
     names.clear();
-    EXPECT_TRUE(REG::GetKeyValues(rising, names));
+    EXPECT_TRUE(REG::GetKeyValues(base + "\\Falling", names));
+    EXPECT_EQ(names, (std::vector<std::string>{"abcd", "abc", "ab"}));
+    names.clear();
+    EXPECT_TRUE(REG::GetKeyValues(base + "\\Rising", names));
     EXPECT_EQ(names, std::vector<std::string>{"ab"});
     EXPECT_FALSE(REG::GetKeyValues(base + "\\Missing", names));
-}
 
-TEST_F(Reg, Deletions) {
-    const std::string key = std::string(kKey) + "\\Del";
+    const std::string key = kKey + "\\Del"s;
     REG::Write(key, "V", "1");
     EXPECT_TRUE(REG::DeleteEntry(key, "V"));
     EXPECT_FALSE(REG::DeleteEntry(key, "V"));
@@ -231,7 +228,6 @@ TEST_F(Reg, Deletions) {
     REG::Write(key + "\\A\\B\\C", "V", "1");
     REG::Write(key + "\\A\\D", "V", "1");
     REG::RecurseDeleteKey(key);
-    std::vector<std::string> names;
     EXPECT_FALSE(REG::GetKeyValues(key, names));
     EXPECT_FALSE(REG::GetKeyValues(key + "\\A\\B\\C", names));
 }
@@ -246,21 +242,11 @@ TEST_F(Reg, EventHelperReadsOnlyAfterAChange) {
     EXPECT_FALSE(helper.GetRegistryValue(value));
     EXPECT_EQ(value, 3u);
 
-    ASSERT_EQ(TesselTest::RunProgram(
-                  {TESSEL_REGISTRY_PEER, "set-dword", record.m_strKey, "Watched", "8"}),
+    // A change by another process.
+    ASSERT_EQ(TesselTest::Run({TESSEL_REGISTRY_PEER, "set-dword", record.m_strKey, "Watched", "8"})
+                  .status,
               0);
-    const auto start = std::chrono::steady_clock::now();
-    bool changed = false;
-    while (!changed && std::chrono::steady_clock::now() - start < std::chrono::seconds(5)) {
-        changed = helper.GetRegistryValue(value);
-        if (!changed) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-        }
-    }
-    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::steady_clock::now() - start);
-    ASSERT_TRUE(changed);
-    EXPECT_LT(took.count(), 100) << "noticed after " << took.count() << " ms";
+    ASSERT_TRUE(TesselTest::eventually([&] { return helper.GetRegistryValue(value); }));
     EXPECT_EQ(value, 8u);
     EXPECT_FALSE(helper.GetRegistryValue(value));  // only the first call after the change
 
@@ -270,15 +256,12 @@ TEST_F(Reg, EventHelperReadsOnlyAfterAChange) {
     unsigned long current = 0;
     EXPECT_TRUE(creator.GetRegistryValue(current));
     EXPECT_EQ(current, 11u);
-    EXPECT_EQ(REG::GetLong("SOFTWARE\\Tarvo Works\\GPS Velkor\\Created", "V", 0), 11);
+    EXPECT_EQ(REG::GetLong(created.m_strKey, "V", 0), 11);
 
     // A copy takes over the watch.
     REG::CRegistryKeyDWordEventHelper moved(helper);
     REG::WriteLong(record.m_strKey, "Watched", 9);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!moved.GetRegistryValue(value) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
+    EXPECT_TRUE(TesselTest::eventually([&] { return moved.GetRegistryValue(value); }));
     EXPECT_EQ(value, 9u);
     EXPECT_FALSE(helper.GetRegistryValue(value));  // the source has no event any more
 }

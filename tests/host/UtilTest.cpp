@@ -1,13 +1,13 @@
+#include "tessel/host/Util.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
 #include <string>
 
-#include "tessel/host/Util.h"
-
 TEST(Util, CleanUnprintableStringCutsAtTheFirstControlCharacter) {
-    const std::size_t none = static_cast<std::size_t>(-1);
+    const std::size_t none = CUtil::NO_SIZE_LIMIT;
     const struct {
         const char* text;
         std::size_t size;
@@ -32,21 +32,21 @@ TEST(Util, CleanUnprintableStringCutsAtTheFirstControlCharacter) {
     };
     for (auto clean : {&CUtil::CleanUnprintableString, &CUtil::CleanUnprintableStringA}) {
         for (const auto& c : cases) {
+            SCOPED_TRACE(std::string(c.text) + " size " + std::to_string(c.size));
             char buffer[32];
             std::strcpy(buffer, c.text);
-            EXPECT_EQ(clean(buffer, c.size), c.result) << c.text << " size " << c.size;
-            EXPECT_STREQ(buffer, c.after) << c.text << " size " << c.size;
+            EXPECT_EQ(clean(buffer, c.size), c.result);
+            EXPECT_STREQ(buffer, c.after);
             if (c.result == 1) {  // only the first control character changed
                 EXPECT_EQ(buffer[std::strlen(c.after) + 1], c.text[std::strlen(c.after) + 1]);
             }
         }
     }
     EXPECT_EQ(CUtil::CleanUnprintableString(nullptr, none), 0);
-}
 
-TEST(Util, CleanUnprintableStringReadsNoFurtherThanSizeAllows) {
-    const auto buffer = std::make_unique<char[]>(4);  // no NUL
-    std::memcpy(buffer.get(), "abc\n", 4);
-    EXPECT_EQ(CUtil::CleanUnprintableString(buffer.get(), 4), 0);
-    EXPECT_EQ(std::memcmp(buffer.get(), "abc\n", 4), 0);
+    // Nothing past size is read: a buffer without NUL.
+    const auto unterminated = std::make_unique<char[]>(4);
+    std::memcpy(unterminated.get(), "abc\n", 4);
+    EXPECT_EQ(CUtil::CleanUnprintableString(unterminated.get(), 4), 0);
+    EXPECT_EQ(std::memcmp(unterminated.get(), "abc\n", 4), 0);
 }

@@ -13,9 +13,10 @@
 namespace {
 
 using Clock = spdlog::log_clock;
+using Sink = daily_size_limited_file_sink_st;
 namespace fs = std::filesystem;
 
-class Sink : public testing::Test {
+class SinkTest : public testing::Test {
   protected:
     void SetUp() override {
         char buffer[260];
@@ -23,132 +24,120 @@ class Sink : public testing::Test {
         m_folder = std::string(buffer) + "sink/";
         fs::remove_all(m_folder);
         fs::create_directories(m_folder);
-        m_base = m_folder + "App_.log";
     }
 
-    std::unique_ptr<daily_size_limited_file_sink_st> make(std::uint64_t limit,
-                                                          std::uint64_t index) {
-        auto sink = std::make_unique<daily_size_limited_file_sink_st>(m_base, limit, index, 0, 0);
-        sink->set_pattern("%v");  // a message of n characters takes n + 1 bytes
+    // A sink on the files "<stem><date>[.<index>].log"; a message of n characters takes n + 1
+    // bytes.
+    std::unique_ptr<Sink> make(std::uint64_t limit, std::uint64_t index,
+                               const std::string& stem = "App_") {
+        auto sink = std::make_unique<Sink>(m_folder + stem + ".log", limit, index, 0, 0);
+        sink->set_pattern("%v");
         return sink;
     }
 
     // Writes a message of size bytes (with its line end) stamped at time.
-    static void write(daily_size_limited_file_sink_st& sink, std::size_t size,
-                      Clock::time_point time = Clock::now()) {
+    static void write(Sink& sink, std::size_t size, Clock::time_point time = Clock::now()) {
         const std::string text(size - 1, 'x');
         sink.log(spdlog::details::log_msg(time, spdlog::source_loc{}, "DailyLogger",
                                           spdlog::level::info, text));
         sink.flush();
     }
 
-    std::string name(Clock::time_point day, std::uint64_t index) const {
-        return daily_size_limited_file_sink_st::fileName(
-            m_base, spdlog::details::os::localtime(Clock::to_time_t(day)), index);
+    // The size of the file of day and index.
+    std::uintmax_t size(Clock::time_point day, std::uint64_t index,
+                        const std::string& stem = "App_") const {
+        return fs::file_size(name(day, index, stem));
     }
 
-    static std::uintmax_t size(const std::string& file) { return fs::file_size(file); }
-
-    // The first moment of the next local day.
-    static Clock::time_point tomorrow() {
-        std::time_t now = std::time(nullptr);
-        std::tm date = spdlog::details::os::localtime(now);
-        date.tm_mday += 1;
-        date.tm_hour = date.tm_min = date.tm_sec = 0;
-        date.tm_isdst = -1;
-        return Clock::from_time_t(std::mktime(&date));
+    std::string name(Clock::time_point day, std::uint64_t index,
+                     const std::string& stem = "App_") const {
+        return Sink::fileName(m_folder + stem + ".log",
+                              spdlog::details::os::localtime(Clock::to_time_t(day)), index);
     }
 
     std::string m_folder;
-    std::string m_base;
 };
 
-TEST_F(Sink, FileNamesCarryDateAndIndex) {
+// The first moment of the next local day.
+Clock::time_point tomorrow() {
+    std::tm date = spdlog::details::os::localtime(std::time(nullptr));
+    date.tm_mday += 1;
+    date.tm_hour = date.tm_min = date.tm_sec = 0;
+    date.tm_isdst = -1;
+    return Clock::from_time_t(std::mktime(&date));
+}
+
+TEST(SinkFileName, CarriesDateAndIndex) {
     std::tm date{};
     date.tm_year = 2021 - 1900;
     date.tm_mon = 4;
     date.tm_mday = 27;
-    EXPECT_EQ(daily_size_limited_file_sink_st::fileName("/l/A_4711_.log", date, 0),
-              "/l/A_4711_2021-05-27.log");
-    EXPECT_EQ(daily_size_limited_file_sink_st::fileName("/l/A_4711_.log", date, 3),
-              "/l/A_4711_2021-05-27.3.log");
-    EXPECT_EQ(daily_size_limited_file_sink_st::fileName("/l/A_.log", date, 3),
-              "/l/A_2021-05-27.3.log");
+    EXPECT_EQ(Sink::fileName("/l/A_4711_.log", date, 0), "/l/A_4711_2021-05-27.log");
+    EXPECT_EQ(Sink::fileName("/l/A_4711_.log", date, 3), "/l/A_4711_2021-05-27.3.log");
+    EXPECT_EQ(Sink::fileName("/l/A_.log", date, 3), "/l/A_2021-05-27.3.log");
 }
 
-TEST_F(Sink, LimitIsExceededOnlyAboveIt) {
-    auto sink = make(100, 0);
+TEST_F(SinkTest, LimitIsExceededOnlyAboveItAlsoAfterARestart) {
     const auto now = Clock::now();
-    for (int i = 0; i < 9; ++i) {
-        write(*sink, 10);
+    auto sink = make(100, 0);
+    for (int i = 0; i < 10; ++i) {
+        write(*sink, 10);  // 100 is not above 100
     }
-    write(*sink, 10);  // 100 is not above 100
     EXPECT_EQ(sink->fileIndex(), 0u);
-    EXPECT_EQ(size(name(now, 0)), 100u);
+    EXPECT_EQ(size(now, 0), 100u);
     write(*sink, 11);  // the message opens the next file
     EXPECT_EQ(sink->fileIndex(), 1u);
     EXPECT_EQ(sink->currentSize(), 11u);
-    EXPECT_EQ(size(name(now, 1)), 11u);
-    EXPECT_EQ(size(name(now, 0)), 100u);
+    EXPECT_EQ(size(now, 1), 11u);
+    EXPECT_EQ(size(now, 0), 100u);
+
+    auto ninety = make(100, 0, "B_");
+    write(*ninety, 90);
+    write(*ninety, 11);
+    EXPECT_EQ(ninety->fileIndex(), 1u);
+    EXPECT_EQ(size(now, 0, "B_"), 90u);
+    EXPECT_EQ(size(now, 1, "B_"), 11u);
+
+    // An oversized message is written whole.
+    auto small = make(10, 0, "C_");
+    write(*small, 25);
+    EXPECT_EQ(small->fileIndex(), 1u);
+    EXPECT_EQ(size(now, 1, "C_"), 25u);
+    write(*small, 2);  // over the limit again: the next file
+    EXPECT_EQ(small->fileIndex(), 2u);
+
+    // A restart appends and counts the present size.
+    { write(*make(0, 2, "D_"), 40); }
+    auto restarted = make(100, 2, "D_");
+    EXPECT_EQ(restarted->currentSize(), 40u);
+    write(*restarted, 61);  // 101 > 100
+    EXPECT_EQ(restarted->fileIndex(), 3u);
+    EXPECT_EQ(size(now, 2, "D_"), 40u);
 }
 
-TEST_F(Sink, NinetyPlusElevenRotates) {
-    auto sink = make(100, 0);
-    write(*sink, 90);
-    write(*sink, 11);
-    EXPECT_EQ(sink->fileIndex(), 1u);
-    EXPECT_EQ(size(name(Clock::now(), 0)), 90u);
-    EXPECT_EQ(size(name(Clock::now(), 1)), 11u);
-}
-
-TEST_F(Sink, OversizedMessageIsWrittenWhole) {
-    auto sink = make(10, 0);
-    write(*sink, 25);
-    EXPECT_EQ(sink->fileIndex(), 1u);
-    EXPECT_EQ(size(name(Clock::now(), 1)), 25u);
-    write(*sink, 2);  // over the limit again: the next file
-    EXPECT_EQ(sink->fileIndex(), 2u);
-}
-
-TEST_F(Sink, FirstMessageAfterMidnightStartsTheNewDateAtIndexZero) {
+TEST_F(SinkTest, MessageTimeDecidesTheDayAndTheDayRuleWins) {
     auto sink = make(0, 5);
     EXPECT_EQ(sink->filename(), name(Clock::now(), 5));
-    write(*sink, 10);
-    write(*sink, 10, tomorrow() + std::chrono::seconds(1));
+    write(*sink, 10, tomorrow() - std::chrono::seconds(1));  // not the clock's time
+    EXPECT_EQ(sink->filename(), name(Clock::now(), 5));
+    write(*sink, 10, tomorrow() + std::chrono::seconds(1));  // starts the new date at index 0
     EXPECT_EQ(sink->fileIndex(), 0u);
     EXPECT_EQ(sink->filename(), name(tomorrow(), 0));
-    EXPECT_EQ(size(name(tomorrow(), 0)), 10u);
+    EXPECT_EQ(size(tomorrow(), 0), 10u);
+
+    auto full = make(10, 3, "B_");
+    write(*full, 20, tomorrow());
+    EXPECT_EQ(full->fileIndex(), 0u);
+    EXPECT_EQ(full->filename(), name(tomorrow(), 0, "B_"));
 }
 
-TEST_F(Sink, DayRuleWinsOverTheSizeRule) {
-    auto sink = make(10, 3);
-    write(*sink, 20, tomorrow());
-    EXPECT_EQ(sink->fileIndex(), 0u);
-    EXPECT_EQ(sink->filename(), name(tomorrow(), 0));
-}
-
-TEST_F(Sink, MessageTimeDecidesNotTheClock) {
-    auto sink = make(0, 0);
-    write(*sink, 10, tomorrow() - std::chrono::seconds(1));
-    EXPECT_EQ(sink->filename(), name(Clock::now(), 0));
-}
-
-TEST_F(Sink, RestartAppendsAndCountsThePresentSize) {
-    { write(*make(0, 2), 40); }
-    auto sink = make(100, 2);
-    EXPECT_EQ(sink->currentSize(), 40u);
-    write(*sink, 61);  // 101 > 100
-    EXPECT_EQ(sink->fileIndex(), 3u);
-    EXPECT_EQ(size(name(Clock::now(), 2)), 40u);
-}
-
-TEST_F(Sink, BadRotationTimeAndUnopenableFile) {
-    EXPECT_THROW(daily_size_limited_file_sink_st(m_base, 0, 0, 24, 0), spdlog::spdlog_ex);
-    EXPECT_THROW(daily_size_limited_file_sink_st(m_base, 0, 0, 0, 60), spdlog::spdlog_ex);
+TEST_F(SinkTest, BadRotationTimeAndUnopenableFile) {
+    EXPECT_THROW(Sink(m_folder + "App_.log", 0, 0, 24, 0), spdlog::spdlog_ex);
+    EXPECT_THROW(Sink(m_folder + "App_.log", 0, 0, 0, 60), spdlog::spdlog_ex);
     // A regular file where the folder should be: the open fails after its tries.
     std::ofstream(m_folder + "blocked").put('x');
     try {
-        daily_size_limited_file_sink_st sink(m_folder + "blocked/App_.log", 0, 0, 0, 0);
+        Sink sink(m_folder + "blocked/App_.log", 0, 0, 0, 0);
         FAIL() << "opened";
     } catch (const spdlog::spdlog_ex& e) {
         EXPECT_NE(std::string(e.what()).find("Failed opening file "), std::string::npos)

@@ -6,28 +6,30 @@
 #include <spdlog/details/os.h>
 #include <spdlog/spdlog.h>
 #include <stdlib.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <boost/property_tree/xml_parser.hpp>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
-#include "support/ScratchRegistry.h"
 #include "tessel/host/TempDirectory.h"
 #include "tessel/platform/Process.h"
 
 // The private operations of the log, for the tests.
 class VelkorLogTestAccess {
   public:
+    static void load(const std::string& path, VelkorLogConfiguration& configuration) {
+        VelkorLog::load(path, configuration);
+    }
     static bool parseFileIndex(const std::string& name, std::uint64_t& index) {
         return VelkorLog::parseFileIndex(name, index);
     }
@@ -39,6 +41,7 @@ class VelkorLogTestAccess {
 namespace {
 
 namespace fs = std::filesystem;
+using TesselTest::eventually;
 
 VelkorLog& velkorLog() {
     return dynamic_cast<VelkorLog&>(ILogging::getInstance());
@@ -95,82 +98,67 @@ TEST_F(Log, DefaultsWithoutAConfigurationFile) {
     EXPECT_EQ(log.getConfigurationPath(), m_appDir + "/VelkorLog.config");
     EXPECT_FALSE(fs::exists(log.getConfigurationPath()));  // no file is made
 
+    const TesselTest::LogCapture capture;
     log.log("Cat", ILogging::Warn, "written");
-    std::ifstream in(m_logDir + "App_" + today() + ".log");
-    std::string line;
-    std::getline(in, line);
+    EXPECT_TRUE(fs::exists(m_logDir + "App_" + today() + ".log"));
+    const std::string line = capture.text();
     EXPECT_NE(line.find(" P[" + std::to_string(Tessel::Platform::GetCurrentProcessId()) + "] T["),
               std::string::npos)
         << line;
     EXPECT_NE(line.find("] warning [Cat] written"), std::string::npos) << line;
+
+    log.setLogLevel(ILogging::Off);
+    const TesselTest::LogCapture off;
+    for (ILogging::LogLevels level :
+         {ILogging::Trace, ILogging::Info, ILogging::Warn, ILogging::Error, ILogging::Off}) {
+        log.log("Cat", level, "x");
+        log.log(level, "y");
+        EXPECT_FALSE(log.shouldLogLevel(level));
+    }
+    EXPECT_EQ(off.text(), "");
 }
 
-TEST_F(Log, SettingsFromTheFile) {
+TEST_F(Log, SettingsFromTheFileAndCategoriesFilterOnlyTheThreeArgumentLog) {
     configure(
-        "<watchintervalminutes>3</watchintervalminutes><minlevel>error</minlevel>"
-        "<maxnumberfiles>4</maxnumberfiles><maxfilesize>0</maxfilesize>");
+        "<watchintervalminutes>3</watchintervalminutes><minlevel>warn</minlevel>"
+        "<maxnumberfiles>4</maxnumberfiles><maxfilesize>0</maxfilesize>"
+        "<loggers><logger>Net*</logger><logger>a?c</logger></loggers>");
     VelkorLog::init("App", false);
-    EXPECT_EQ(velkorLog().getLogLevel(), ILogging::Error);
+    EXPECT_EQ(velkorLog().getLogLevel(), ILogging::Warn);
     EXPECT_EQ(velkorLog().getMaxNumberFiles(), 4u);
+    const TesselTest::LogCapture capture;
+    velkorLog().log("Network", ILogging::Warn, "passes");
+    velkorLog().log("Other", ILogging::Warn, "filtered");
+    velkorLog().log(ILogging::Warn, "uncategorised");
+    const std::string text = capture.text();
+    EXPECT_NE(text.find("[Network] passes"), std::string::npos) << text;
+    EXPECT_EQ(text.find("filtered"), std::string::npos) << text;
+    EXPECT_NE(text.find(" warning uncategorised"), std::string::npos) << text;
 }
 
-struct LevelCase {
-    const char* text;
-    ILogging::LogLevels level;
-};
-
-TEST(LogConfiguration, LevelTextsMatchExactly) {
-    const LevelCase cases[] = {
+TEST(LogConfiguration, LevelTextsMatchExactlyAndBadNumbersKeepTheDefault) {
+    const std::pair<const char*, ILogging::LogLevels> cases[] = {
         {"trace", ILogging::Trace}, {"info", ILogging::Info},  {"warn", ILogging::Warn},
         {"error", ILogging::Error}, {"off", ILogging::Off},    {"INFO", ILogging::Info},
         {"debug", ILogging::Info},  {"Error", ILogging::Info}, {"", ILogging::Info},
     };
     const std::string file = CTempDirectory::GetTempDirectoryCurrentUser() + "levels.config";
-    for (const LevelCase& c : cases) {
-        std::ofstream(file) << "<velkorlogging><minlevel>" << c.text
-                            << "</minlevel><maxfilesize>x</maxfilesize></velkorlogging>";
-        boost::property_tree::ptree tree;
-        boost::property_tree::read_xml(file, tree);
-        // The same reading as the log's: an unknown text leaves the default.
+    for (const auto& [text, level] : cases) {
+        std::ofstream(file) << "<velkorlogging><minlevel>" << text
+                            << "</minlevel><maxfilesize>lots</maxfilesize></velkorlogging>";
         VelkorLogConfiguration configuration;
-        const std::string text = tree.get<std::string>(VelkorLog::s_configKeyMinLevel, "info");
-        for (ILogging::LogLevels candidate :
-             {ILogging::Trace, ILogging::Info, ILogging::Warn, ILogging::Error, ILogging::Off}) {
-            if (text == ILogging::toString(candidate)) {
-                configuration.m_minLevel = candidate;
-            }
-        }
-        EXPECT_EQ(configuration.m_minLevel, c.level) << c.text;
-        EXPECT_EQ(tree.get<std::uint64_t>(VelkorLog::s_configKeyMaxFileSize, 52428800), 52428800u);
+        VelkorLogTestAccess::load(file, configuration);
+        EXPECT_EQ(configuration.m_minLevel, level) << text;
+        EXPECT_EQ(configuration.m_maxFileSize, 52428800u);
     }
 }
-
-TEST_F(Log, UnknownLevelTextsGiveInfo) {
-    configure("<minlevel>debug</minlevel><maxfilesize>lots</maxfilesize>");
-    EXPECT_EQ(velkorLog().getLogLevel(), ILogging::Info);
-}
-
-TEST_F(Log, LevelOffWritesNothing) {
-    configure("<minlevel>off</minlevel>");
-    VelkorLog::init("App", false);
-    TesselTest::LogCapture capture;
-    for (ILogging::LogLevels level :
-         {ILogging::Trace, ILogging::Info, ILogging::Warn, ILogging::Error, ILogging::Off}) {
-        velkorLog().log("Cat", level, "x");
-        velkorLog().log(level, "y");
-        EXPECT_FALSE(velkorLog().shouldLogLevel(level));
-    }
-    EXPECT_EQ(capture.text(), "");
-}
-
-struct PatternCase {
-    const char* pattern;
-    const char* category;
-    bool active;
-};
 
 TEST(LogConfiguration, CategoryPatterns) {
-    const PatternCase cases[] = {
+    const struct {
+        const char* pattern;
+        const char* category;
+        bool active;
+    } cases[] = {
         {"Net*", "Network", true},
         {"Net*", "xNetwork", false},
         {"Net*", "Net", true},
@@ -184,29 +172,15 @@ TEST(LogConfiguration, CategoryPatterns) {
         {"CActiveObject::StopThread", "CActiveObject::StopThread", true},
         {"CActiveObject::StopThread", "CActiveObject::Stop", false},
     };
-    for (const PatternCase& c : cases) {
+    for (const auto& c : cases) {
         VelkorLogConfiguration configuration;
         configuration.addCategoryPattern(c.pattern);
         EXPECT_EQ(configuration.isActive(c.category), c.active) << c.pattern << " " << c.category;
     }
-    VelkorLogConfiguration none;
-    EXPECT_TRUE(none.isActive("whatever"));
+    EXPECT_TRUE(VelkorLogConfiguration().isActive("whatever"));
     VelkorLogConfiguration broken;
     broken.addCategoryPattern("(*");  // loads; its use throws
     EXPECT_THROW(broken.isActive("x"), std::regex_error);
-}
-
-TEST_F(Log, CategoriesFilterOnlyTheThreeArgumentLog) {
-    configure("<loggers><logger>Net*</logger><logger>a?c</logger></loggers>");
-    VelkorLog::init("App", false);
-    TesselTest::LogCapture capture;
-    velkorLog().log("Network", ILogging::Info, "passes");
-    velkorLog().log("Other", ILogging::Info, "filtered");
-    velkorLog().log(ILogging::Info, "uncategorised");
-    const std::string text = capture.text();
-    EXPECT_NE(text.find("[Network] passes"), std::string::npos) << text;
-    EXPECT_EQ(text.find("filtered"), std::string::npos) << text;
-    EXPECT_NE(text.find(" info uncategorised"), std::string::npos) << text;
 }
 
 TEST_F(Log, MalformedFileAtStartLeavesGetInstanceAndIsTriedAgain) {
@@ -216,34 +190,24 @@ TEST_F(Log, MalformedFileAtStartLeavesGetInstanceAndIsTriedAgain) {
     EXPECT_EQ(ILogging::getInstance().getLogLevel(), ILogging::Trace);
 }
 
-// Waits until condition holds, at most five seconds.
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 TEST_F(Log, LiveReloadChangesTheLevelAndOnlyAChangeRebuilds) {
-    configure("<watchintervalminutes>0</watchintervalminutes><minlevel>info</minlevel>");
+    const std::string settings =
+        "<watchintervalminutes>0</watchintervalminutes><maxnumberfiles>1</maxnumberfiles>";
+    configure(settings + "<minlevel>info</minlevel>");
+    touch("App_2001-01-01.log", std::time(nullptr) - 1000);  // beyond the one file kept
     VelkorLog::init("App", false);
     VelkorLog& log = velkorLog();
     const spdlog::logger* before = spdlog::default_logger_raw();
     VelkorLog::startConfigurationWatcher();
-    // The watcher looks at the file without pause; the same settings rebuild nothing.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    // Every look at the file keeps house: the old file gone, the same settings were read.
+    EXPECT_TRUE(eventually([&] { return !fs::exists(m_logDir + "App_2001-01-01.log"); }));
     EXPECT_EQ(spdlog::default_logger_raw(), before);
 
-    configure("<watchintervalminutes>0</watchintervalminutes><minlevel>trace</minlevel>");
+    configure(settings + "<minlevel>trace</minlevel>");
     EXPECT_TRUE(eventually([&] { return log.shouldLogLevel(ILogging::Trace); }));
     EXPECT_TRUE(eventually([&] { return spdlog::default_logger_raw() != before; }));
     VelkorLog::stopConfigurationWatcher();
-    TesselTest::LogCapture capture;
+    const TesselTest::LogCapture capture;
     log.log("Cat", ILogging::Trace, "now written");
     EXPECT_NE(capture.text().find(" trace [Cat] now written"), std::string::npos);
     VelkorLog::stopConfigurationWatcher();  // nothing runs: nothing happens
@@ -297,65 +261,50 @@ TEST_F(Log, HousekeepingKeepsTheNewestFilesAcrossDatesAndProcesses) {
 
 TEST(LogFileNames, ParseIndexAndProcessId) {
     VelkorLog::s_applicationName = "App";
-    struct {
+    using Number = std::optional<std::uint64_t>;
+    const struct {
         const char* name;
-        bool hasIndex;
-        std::uint64_t index;
-        bool hasProcess;
-        std::uint64_t process;
-    } const cases[] = {
-        {"App_2021-05-27.log", false, 0, true, 2021},
-        {"App_2021-05-27.3.log", true, 3, true, 2021},
-        {"App_4711_2021-05-27.12.log", true, 12, true, 4711},
-        {"App_x.log", false, 0, false, 0},
-        {"App_", false, 0, false, 0},
-        {"", false, 0, false, 0},
+        Number index, process;  // nullopt: none found
+    } cases[] = {
+        {"App_2021-05-27.log", std::nullopt, 2021}, {"App_2021-05-27.3.log", 3, 2021},
+        {"App_4711_2021-05-27.12.log", 12, 4711},   {"App_x.log", std::nullopt, std::nullopt},
+        {"App_", std::nullopt, std::nullopt},       {"", std::nullopt, std::nullopt},
     };
     for (const auto& c : cases) {
-        std::uint64_t index = 99, process = 99;
-        EXPECT_EQ(VelkorLogTestAccess::parseFileIndex(c.name, index), c.hasIndex) << c.name;
-        if (c.hasIndex) {
-            EXPECT_EQ(index, c.index) << c.name;
-        }
-        EXPECT_EQ(VelkorLogTestAccess::parseProcessId(c.name, process), c.hasProcess) << c.name;
-        if (c.hasProcess) {
-            EXPECT_EQ(process, c.process) << c.name;
-        }
+        std::uint64_t index = 0, process = 0;
+        const bool hasIndex = VelkorLogTestAccess::parseFileIndex(c.name, index);
+        EXPECT_EQ(hasIndex ? Number(index) : std::nullopt, c.index) << c.name;
+        const bool hasProcess = VelkorLogTestAccess::parseProcessId(c.name, process);
+        EXPECT_EQ(hasProcess ? Number(process) : std::nullopt, c.process) << c.name;
     }
     std::uint64_t index = 0;
     EXPECT_THROW(VelkorLogTestAccess::parseFileIndex("App_1.99999999999999999999.log", index),
                  std::out_of_range);
 }
 
-// Builds the log as a user who may not write the log folder: 0 when getInstance throws the
-// sink's message.
-int buildWithoutWriteAccess(void*) {
-    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) {
-        return 10;
-    }
-    try {
-        ILogging::getInstance();
-        return 11;
-    } catch (const spdlog::spdlog_ex& e) {
-        return std::string(e.what()).find("Failed opening file ") != std::string::npos ? 0 : 12;
-    } catch (...) {
-        return 13;
-    }
-}
-
 TEST_F(Log, UnwritableLogFolderLeavesGetInstanceWithTheSinksMessage) {
     // The folders up to the log folder may be passed through; the log folder not written.
     const std::string temp = CTempDirectory::GetTempDirectoryCurrentUser();
     const std::string root = temp.substr(0, temp.rfind('/', temp.size() - 2));
+    const fs::perms readable = fs::perms::group_read | fs::perms::group_exec |
+                               fs::perms::others_read | fs::perms::others_exec;
     for (const std::string& folder : {root, temp, m_appDir}) {
-        fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read |
-                                    fs::perms::group_exec | fs::perms::others_read |
-                                    fs::perms::others_exec);
+        fs::permissions(folder, fs::perms::owner_all | readable);
     }
-    fs::permissions(m_logDir, fs::perms::owner_read | fs::perms::owner_exec |
-                                  fs::perms::group_read | fs::perms::group_exec |
-                                  fs::perms::others_read | fs::perms::others_exec);
-    EXPECT_EQ(TesselTest::RunInChild(&buildWithoutWriteAccess, nullptr), 0);
+    fs::permissions(m_logDir, fs::perms::owner_read | fs::perms::owner_exec | readable);
+    // Built as a user who may not write the log folder: 0 when getInstance throws the message.
+    const auto build = [] {
+        if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) {
+            return 10;
+        }
+        try {
+            ILogging::getInstance();
+        } catch (const spdlog::spdlog_ex& e) {
+            return std::string(e.what()).find("Failed opening file ") != std::string::npos ? 0 : 12;
+        }
+        return 11;
+    };
+    EXPECT_EQ(TesselTest::RunInChild(build), 0);
     fs::permissions(m_logDir, fs::perms::owner_all);
 }
 
@@ -395,9 +344,9 @@ TEST_F(Log, SlowNoMessageIsLostAcrossRotations) {
         EXPECT_LE(fs::file_size(path), 65536u + 100u) << path;
         std::ifstream in(path);
         for (std::string line; std::getline(in, line);) {
+            int thread = 0, number = 0;
             const std::size_t at = line.find(" info m ");
             ASSERT_NE(at, std::string::npos) << line;
-            int thread = 0, number = 0;
             ASSERT_EQ(std::sscanf(line.c_str() + at, " info m %d %d", &thread, &number), 2);
             ASSERT_EQ(number, next[thread]) << "thread " << thread << " in " << path;
             ++next[thread];
