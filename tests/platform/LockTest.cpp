@@ -13,23 +13,24 @@
 #include <thread>
 #include <vector>
 
+#include "platform/PlatformTest.h"
 #include "support/ChildProcess.h"
 #include "support/WaitProbe.h"
 #include "tessel/platform/CriticalSection.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
-#include "tessel/platform/LastError.h"
 #include "tessel/platform/Mutex.h"
-#include "tessel/platform/Process.h"
 
 using namespace Tessel::Platform;
 using namespace TesselTest;
+using PlatformTest::failureOf;
 
 namespace {
 
-// The name without its "Global\" prefix, the form in which it names the segment.
-std::string uniqueKey(const char* suffix) {
-    return "TesselTest." + std::to_string(GetCurrentProcessId()) + "." + suffix;
+// A name of the test's own, without the "Global\" prefix: the form in which it names the
+// shared-memory segment.
+std::string uniqueKey() {
+    return PlatformTest::uniqueName("TesselTest.mutex");
 }
 
 bool segmentExists(const std::string& key) {
@@ -59,13 +60,11 @@ TEST(Mutex, OwnerMayAcquireAgainAndMustReleaseEachTime) {
     // Another thread: a release that it may not make, and a zero-time test.
     auto probe = [&] {
         return onAnotherThread([&] {
-            if (ReleaseMutex(mutex) || GetLastError() != ERROR_NOT_OWNER) {
+            if (failureOf(ReleaseMutex(mutex)) != ERROR_NOT_OWNER) {
                 return DWORD{0xBAD};
             }
             const DWORD result = WaitForSingleObject(mutex, 0);
-            if (result == WAIT_OBJECT_0) {
-                ReleaseMutex(mutex);
-            }
+            ReleaseMutex(mutex);
             return result;
         });
     };
@@ -74,8 +73,7 @@ TEST(Mutex, OwnerMayAcquireAgainAndMustReleaseEachTime) {
         EXPECT_TRUE(ReleaseMutex(mutex));
     }
     EXPECT_EQ(probe(), WAIT_OBJECT_0);
-    EXPECT_FALSE(ReleaseMutex(mutex));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
+    EXPECT_EQ(failureOf(ReleaseMutex(mutex)), ERROR_NOT_OWNER);
     CloseHandle(mutex);
 }
 
@@ -104,18 +102,16 @@ TEST(Mutex, ThreadThatEndsOwningItAbandonsIt) {
 }
 
 TEST(Mutex, NamedMutexExistsWhileAHandleIsOpen) {
-    const std::string key = uniqueKey("named");
+    const std::string key = uniqueKey();
     const std::string name = "Global\\" + key;
     HANDLE first = CreateMutexA(nullptr, FALSE, name.c_str());
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_TRUE(segmentExists(key));
-
     HANDLE second = CreateMutexA(nullptr, TRUE, key.c_str());  // the same name
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    EXPECT_FALSE(ReleaseMutex(second));  // opened, not taken
-    EXPECT_EQ(GetLastError(), ERROR_NOT_OWNER);
+    EXPECT_EQ(failureOf(ReleaseMutex(second)), ERROR_NOT_OWNER);  // opened, not taken
     HANDLE opened = OpenMutexA(SYNCHRONIZE, FALSE, name.c_str());
     ASSERT_NE(opened, nullptr);
     EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
@@ -127,20 +123,27 @@ TEST(Mutex, NamedMutexExistsWhileAHandleIsOpen) {
     EXPECT_TRUE(segmentExists(key));
     CloseHandle(opened);
     EXPECT_FALSE(segmentExists(key));
-    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, name.c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(failureOf(OpenMutexA(SYNCHRONIZE, FALSE, name.c_str())), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(failureOf(CreateMutexA(nullptr, FALSE, std::string(250, 'x').c_str())),
+              ERROR_FILENAME_EXCED_RANGE);
 
     // Separators and '%' are escaped, so that distinct names stay distinct.
-    HANDLE odd = CreateMutexA(nullptr, FALSE, ("Local\\" + uniqueKey("a/b\\c%d")).c_str());
-    EXPECT_TRUE(segmentExists(uniqueKey("a%2Fb%5Cc%25d")));
-    HANDLE plain = CreateMutexA(nullptr, FALSE, uniqueKey("a_b_c_d").c_str());
+    HANDLE odd = CreateMutexA(nullptr, FALSE, ("Local\\" + key + "a/b\\c%d").c_str());
+    EXPECT_TRUE(segmentExists(key + "a%2Fb%5Cc%25d"));
+    HANDLE plain = CreateMutexA(nullptr, FALSE, (key + "a_b_c_d").c_str());
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     CloseHandle(odd);
     CloseHandle(plain);
+
+    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (HANDLE handle : {HANDLE{nullptr}, event}) {
+        EXPECT_EQ(failureOf(ReleaseMutex(handle)), ERROR_INVALID_HANDLE);
+    }
+    CloseHandle(event);
 }
 
 TEST(Mutex, AnotherProcessOpensItByNameAndItsDeathAbandonsIt) {
-    const std::string name = "Global\\" + uniqueKey("shared");
+    const std::string name = "Global\\" + uniqueKey();
     HANDLE mutex = CreateMutexA(nullptr, TRUE, name.c_str());
     ASSERT_NE(mutex, nullptr);
     // The child finds it by its name, waits while it is held here, and ends holding it twice.
@@ -167,24 +170,19 @@ TEST(Mutex, AnotherProcessOpensItByNameAndItsDeathAbandonsIt) {
 }
 
 TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
-    const std::string key = uniqueKey("race");
+    const std::string key = uniqueKey();
     constexpr int kChildren = 4;
-    int gate[2];
-    ASSERT_EQ(::pipe(gate), 0);
-    // Shared with the children: how many of them have created the mutex.
-    int* shared = static_cast<int*>(
-        ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    // Shared with the children: the start, and how many of them have created the mutex.
+    int* shared = static_cast<int*>(::mmap(nullptr, 2 * sizeof(int), PROT_READ | PROT_WRITE,
+                                           MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(shared, MAP_FAILED);
-    std::atomic_ref<int> created(*shared);
+    std::atomic_ref<int> start(shared[0]);
+    std::atomic_ref<int> created(shared[1]);
     std::vector<pid_t> children;
     for (int i = 0; i < kChildren; ++i) {
         children.push_back(::fork());
         if (children.back() == 0) {
-            char byte;
-            ::close(gate[1]);
-            if (::read(gate[0], &byte, 1) != 0) {  // until the test closes it: all at once
-                ::_exit(8);
-            }
+            eventually([&] { return start.load() == 1; }, 10000ms, 0ms);
             HANDLE mutex = CreateMutexA(nullptr, FALSE, key.c_str());
             const DWORD error = GetLastError();
             ++created;
@@ -196,8 +194,7 @@ TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
                                                             : 2);
         }
     }
-    ::close(gate[0]);
-    ::close(gate[1]);
+    start = 1;
     std::vector<int> statuses;
     for (pid_t child : children) {
         statuses.push_back(WaitForChild(child, 10000ms));
@@ -205,11 +202,11 @@ TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
     EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 0), 1);
     EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 1), kChildren - 1);
     EXPECT_FALSE(segmentExists(key));  // the last one removed the name
-    ::munmap(shared, sizeof(int));
+    ::munmap(shared, 2 * sizeof(int));
 }
 
 TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
-    const std::string key = uniqueKey("remnant");
+    const std::string key = uniqueKey();
     // A process that dies holding the only handle (and the mutex) leaves its segment behind.
     ASSERT_EQ(RunInChild([&] {
                   HANDLE mutex = CreateMutexA(nullptr, TRUE, key.c_str());
@@ -217,8 +214,7 @@ TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
               }),
               0);
     EXPECT_TRUE(segmentExists(key));
-    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, key.c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(failureOf(OpenMutexA(SYNCHRONIZE, FALSE, key.c_str())), ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(segmentExists(key));
 
     // A creator that died before it sized its segment.
@@ -232,19 +228,6 @@ TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
     EXPECT_TRUE(ReleaseMutex(mutex));
     CloseHandle(mutex);
     EXPECT_FALSE(segmentExists(key));
-}
-
-TEST(Mutex, BadHandlesAndNamesFail) {
-    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    for (HANDLE handle : {HANDLE{nullptr}, event}) {
-        EXPECT_FALSE(ReleaseMutex(handle));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    }
-    CloseHandle(event);
-    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, uniqueKey("missing").c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(CreateMutexA(nullptr, FALSE, std::string(250, 'x').c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
 }
 
 TEST(CriticalSection, OwnerEntersAgainAndOthersWaitForTheLastLeave) {

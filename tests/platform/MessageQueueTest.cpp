@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/PlatformTest.h"
 #include "support/ChildProcess.h"
 #include "support/WaitProbe.h"
 #include "tessel/base/Handle.h"
@@ -20,6 +21,7 @@
 #include "tessel/platform/Process.h"
 
 using namespace Tessel::Platform;
+using PlatformTest::failureOf;
 using namespace TesselTest;
 using Tessel::CHandle;
 
@@ -74,8 +76,7 @@ TEST(MessageQueue, PostingNeedsTheQueueOfALiveThread) {
     EXPECT_TRUE(withQueue);
     for (const DWORD gone : {tid.load(), 0x7FFFFFF0u}) {  // a thread that has ended, or none
         SetLastError(0);
-        EXPECT_FALSE(PostThreadMessageA(gone, WM_USER, 0, 0));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+        EXPECT_EQ(failureOf(PostThreadMessageA(gone, WM_USER, 0, 0)), ERROR_INVALID_THREAD_ID);
     }
 }
 
@@ -104,8 +105,7 @@ TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
     EXPECT_FALSE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
 
     SetLastError(0);
-    EXPECT_FALSE(PeekMessageA(nullptr, nullptr, 0, 0, PM_REMOVE));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(PeekMessageA(nullptr, nullptr, 0, 0, PM_REMOVE)), ERROR_INVALID_PARAMETER);
 }
 
 TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
@@ -162,8 +162,8 @@ TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
     EXPECT_EQ(g_calls, 1);
 
     SetLastError(0);
-    EXPECT_FALSE(PostThreadCallback(GetCurrentThreadId(), nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(PostThreadCallback(GetCurrentThreadId(), nullptr, 0)),
+              ERROR_INVALID_PARAMETER);
 }
 
 TEST(MessageQueue, WaitEndsForAMessagePostedByAnotherThread) {
@@ -226,8 +226,7 @@ TEST(MessageQueue, QueueHoldsAtMost10000Messages) {
         ASSERT_TRUE(post(WM_USER, static_cast<WPARAM>(i))) << i;
     }
     SetLastError(0);
-    EXPECT_FALSE(post(WM_USER));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_ENOUGH_QUOTA);
+    EXPECT_EQ(failureOf(post(WM_USER)), ERROR_NOT_ENOUGH_QUOTA);
     MSG message;
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
     EXPECT_EQ(message.wParam, 0u);
@@ -237,30 +236,10 @@ TEST(MessageQueue, QueueHoldsAtMost10000Messages) {
 TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
     constexpr int kPosters = 4;
     constexpr int kPerPoster = 2000;
-    std::atomic<DWORD> receiver{0};
-    std::vector<int> received(kPosters, 0);
-    bool inOrder = true;
-    std::thread receiving([&] {
-        makeQueue();
-        receiver = GetCurrentThreadId();
-        int total = 0;
-        while (total < kPosters * kPerPoster) {
-            if (MsgWaitForMultipleObjects(0, nullptr, FALSE, 10000, QS_ALLINPUT) != WAIT_OBJECT_0) {
-                break;  // ten seconds without a message: something was lost
-            }
-            MSG message;
-            while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
-                const int poster = static_cast<int>(message.wParam);
-                inOrder = inOrder && message.lParam == received[poster];
-                ++received[poster];
-                ++total;
-            }
-        }
-    });
-    ASSERT_TRUE(eventually([&] { return receiver.load() != 0; }));
+    makeQueue();
     std::vector<std::thread> posters;
     for (int p = 0; p < kPosters; ++p) {
-        posters.emplace_back([&, p] {
+        posters.emplace_back([p, receiver = GetCurrentThreadId()] {
             for (int i = 0; i < kPerPoster; ++i) {
                 while (!PostThreadMessageA(receiver, WM_USER, static_cast<WPARAM>(p), i)) {
                     std::this_thread::yield();  // the queue is full for a moment
@@ -268,10 +247,21 @@ TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
             }
         });
     }
+    std::vector<int> received(kPosters, 0);
+    bool inOrder = true;
+    // Ten seconds without a message end the wait: something was lost.
+    for (int total = 0; total < kPosters * kPerPoster &&
+                        MsgWaitForMultipleObjects(0, nullptr, FALSE, 10000, QS_ALLINPUT) == 0;) {
+        MSG message;
+        while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
+            const int poster = static_cast<int>(message.wParam);
+            inOrder = inOrder && message.lParam == received[poster]++;
+            ++total;
+        }
+    }
     for (std::thread& poster : posters) {
         poster.join();
     }
-    receiving.join();
     EXPECT_TRUE(inOrder);
     EXPECT_EQ(received, std::vector<int>(kPosters, kPerPoster));
 }

@@ -105,29 +105,40 @@ TEST(ProcessMetrics, ProcessorCountAndSystemTimesComeFromTheKernel) {
     EXPECT_GT(FromFileTime(user), 0u);
 }
 
+// Kernel and user time of one of the time queries, in ticks of 100 ns.
+struct Times {
+    std::uint64_t kernel = 0;
+    std::uint64_t user = 0;
+    std::uint64_t total() const { return kernel + user; }
+};
+
+Times timesOf(BOOL (*query)(FILETIME*, FILETIME*)) {
+    FILETIME kernel, user;
+    EXPECT_TRUE(query(&kernel, &user));
+    return {FromFileTime(kernel), FromFileTime(user)};
+}
+
+BOOL ownThreadTimes(FILETIME* kernel, FILETIME* user) {
+    return GetThreadTimes(static_cast<std::uint64_t>(self()), kernel, user);
+}
+
 TEST(ProcessMetrics, ProcessAndThreadTimesGrowWithWork) {
-    FILETIME kernel0, user0, threadKernel0, threadUser0;
-    ASSERT_TRUE(GetProcessTimes(&kernel0, &user0));
-    ASSERT_TRUE(GetThreadTimes(static_cast<std::uint64_t>(self()), &threadKernel0, &threadUser0));
-    FILETIME kernel1 = kernel0, user1 = user0, threadKernel1 = threadKernel0;
-    FILETIME threadUser1 = threadUser0;
-    auto threadTotal = [](const FILETIME& k, const FILETIME& u) {
-        return FromFileTime(k) + FromFileTime(u);
-    };
-    volatile std::uint64_t sink = 0;
-    while (FromFileTime(user1) == FromFileTime(user0) ||
-           threadTotal(threadKernel1, threadUser1) == threadTotal(threadKernel0, threadUser0)) {
+    const Times process = timesOf(&GetProcessTimes);
+    const Times thread = timesOf(&ownThreadTimes);
+    Times processLater = process;
+    Times threadLater = thread;
+    for (volatile std::uint64_t sink = 0;
+         processLater.user == process.user || threadLater.total() == thread.total();) {
         for (int i = 0; i < 100000; ++i) {
             sink = sink + static_cast<std::uint64_t>(i);
         }
-        ASSERT_TRUE(GetProcessTimes(&kernel1, &user1));
-        ASSERT_TRUE(
-            GetThreadTimes(static_cast<std::uint64_t>(self()), &threadKernel1, &threadUser1));
+        processLater = timesOf(&GetProcessTimes);
+        threadLater = timesOf(&ownThreadTimes);
     }
-    EXPECT_GT(FromFileTime(user1), FromFileTime(user0));
-    EXPECT_GE(FromFileTime(kernel1), FromFileTime(kernel0));
+    EXPECT_GT(processLater.user, process.user);
+    EXPECT_GE(processLater.kernel, process.kernel);
     // The thread's times have the resolution of the clock tick of /proc.
-    EXPECT_EQ(threadTotal(threadKernel1, threadUser1) % ticksPerClockTick(), 0u);
+    EXPECT_EQ(threadLater.total() % ticksPerClockTick(), 0u);
 }
 
 TEST(ProcessMetrics, ThreadListFollowsThreadsThatStartAndEnd) {
@@ -292,29 +303,24 @@ TEST(ExecutableVersion, ProgramReadsBackItsOwnVersionAndOnlyFourShortPartsParse)
               (std::vector<std::uint16_t>{3, 14, 15, 9265}));
     const struct {
         const char* text;
-        bool valid;
         std::uint16_t parts[4];
-    } cases[] = {
-        {"7.7.0.9062", true, {7, 7, 0, 9062}},
-        {"0.0.0.0", true, {0, 0, 0, 0}},
-        {"65535.65535.65535.65535", true, {65535, 65535, 65535, 65535}},
-        {"65536.0.0.0", false, {}},
-        {"1.2.3", false, {}},
-        {"1.2.3.4.5", false, {}},
-        {"1..2.3", false, {}},
-        {"1.2.3.4 ", false, {}},
-        {" 1.2.3.4", false, {}},
-        {"a.b.c.d", false, {}},
-        {"1.2.3.-4", false, {}},
-        {"", false, {}},
+    } valid[] = {
+        {"7.7.0.9062", {7, 7, 0, 9062}},
+        {"0.0.0.0", {0, 0, 0, 0}},
+        {"65535.65535.65535.65535", {65535, 65535, 65535, 65535}},
     };
-    for (const auto& c : cases) {
-        std::uint16_t parts[4] = {11, 22, 33, 44};  // unchanged by a failure
-        EXPECT_EQ(ParseFileVersion(c.text, parts) == TRUE, c.valid) << c.text;
-        for (int i = 0; i < 4; ++i) {
-            const std::uint16_t expected = c.valid ? c.parts[i] : std::uint16_t((i + 1) * 11);
-            EXPECT_EQ(parts[i], expected) << c.text << " part " << i;
-        }
+    for (const auto& c : valid) {
+        std::uint16_t parts[4] = {};
+        EXPECT_TRUE(ParseFileVersion(c.text, parts)) << c.text;
+        EXPECT_TRUE(std::equal(parts, parts + 4, c.parts)) << c.text;
+    }
+    for (const char* text : {"65536.0.0.0", "1.2.3", "1.2.3.4.5", "1..2.3", "1.2.3.4 ", " 1.2.3.4",
+                             "a.b.c.d", "1.2.3.-4", ""}) {
+        std::uint16_t parts[4] = {11, 22, 33, 44};
+        EXPECT_FALSE(ParseFileVersion(text, parts)) << text;
+        EXPECT_EQ(std::vector<std::uint16_t>(parts, parts + 4),
+                  (std::vector<std::uint16_t>{11, 22, 33, 44}))
+            << "unchanged by a failure: " << text;
     }
     EXPECT_FALSE(ParseFileVersion(nullptr, own));
 }

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/PlatformTest.h"
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/ParkedThread.h"
@@ -31,6 +32,7 @@
 #include "tessel/platform/Thread.h"
 
 using namespace Tessel::Platform;
+using PlatformTest::failureOf;
 
 namespace {
 
@@ -200,14 +202,12 @@ TEST(ProcessStart, InheritsOnlyTheStandardDescriptors) {
 
 TEST(ProcessStart, ReportsWhatItCannotStart) {
     PROCESS_INFORMATION information;
-    EXPECT_EQ(start("tessel-no-such-program-anywhere /x", information), FALSE);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(start("  \t ", information), FALSE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(start("tessel-no-such-program-anywhere /x", information)),
+              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(failureOf(start("  \t ", information)), ERROR_INVALID_PARAMETER);
     const std::string notExecutable = newFolder() + "/plain";
     std::ofstream(notExecutable) << "text\n";
-    EXPECT_EQ(start(notExecutable, information), FALSE);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(failureOf(start(notExecutable, information)), ERROR_ACCESS_DENIED);
 }
 
 }  // namespace

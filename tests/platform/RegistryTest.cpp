@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -26,18 +28,26 @@ using namespace Tessel::Platform;
 
 namespace {
 
-// Creates (or opens) key below HKLM with full access.
-HKEY create(const std::string& key) {
-    HKEY handle = nullptr;
-    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                              nullptr, &handle, nullptr),
-              ERROR_SUCCESS);
-    return handle;
+LSTATUS open(HKEY parent, const char* path, HKEY* key, REGSAM access = KEY_READ) {
+    return RegOpenKeyExA(parent, path, 0, access, key);
 }
 
-LSTATUS setText(HKEY key, const std::string& name, const std::string& text) {
+LSTATUS create(const char* path, HKEY* key, DWORD* disposition = nullptr) {
+    return RegCreateKeyExA(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key,
+                           disposition);
+}
+
+// Creates (or opens) path below HKLM with full access.
+HKEY create(const char* path) {
+    HKEY key = nullptr;
+    EXPECT_EQ(create(path, &key), ERROR_SUCCESS) << path;
+    return key;
+}
+
+// Writes text as REG_SZ, with its terminator unless size says otherwise.
+LSTATUS setText(HKEY key, const std::string& name, const std::string& text, DWORD size = 0) {
     return RegSetValueExA(key, name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(text.c_str()),
-                          static_cast<DWORD>(text.size() + 1));
+                          size != 0 ? size : static_cast<DWORD>(text.size() + 1));
 }
 
 LSTATUS setDword(HKEY key, const std::string& name, DWORD value) {
@@ -45,56 +55,53 @@ LSTATUS setDword(HKEY key, const std::string& name, DWORD value) {
                           sizeof value);
 }
 
+// Value name of key, read into a buffer of size bytes, with its type and size.
+LSTATUS query(HKEY key, const char* name, DWORD* type, void* data, DWORD* size) {
+    return RegQueryValueExA(key, name, nullptr, type, static_cast<BYTE*>(data), size);
+}
+
 std::string text(HKEY key, const char* name) {
     char buffer[512] = {};
     DWORD size = sizeof buffer;
-    return RegQueryValueExA(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(buffer), &size) ==
-                   ERROR_SUCCESS
-               ? buffer
-               : "<missing>";
+    return query(key, name, nullptr, buffer, &size) == ERROR_SUCCESS ? buffer : "<missing>";
 }
 
-// The names that enumerate(index, name, length) gives, up to its first failure.
-template <typename Enumerate>
-std::vector<std::string> namesOf(Enumerate enumerate) {
+LSTATUS valueName(HKEY key, DWORD index, char* name, DWORD* length) {
+    return RegEnumValueA(key, index, name, length, nullptr, nullptr, nullptr, nullptr);
+}
+
+LSTATUS subKeyName(HKEY key, DWORD index, char* name, DWORD* length) {
+    return RegEnumKeyExA(key, index, name, length, nullptr, nullptr, nullptr, nullptr);
+}
+
+// The names that enumerate gives for key, in its order.
+std::vector<std::string> namesOf(HKEY key, LSTATUS (*enumerate)(HKEY, DWORD, char*, DWORD*)) {
     std::vector<std::string> names;
     char name[256];
-    for (DWORD i = 0, length = sizeof name; enumerate(i, name, &length) == ERROR_SUCCESS;
+    for (DWORD i = 0, length = sizeof name; enumerate(key, i, name, &length) == ERROR_SUCCESS;
          ++i, length = sizeof name) {
         names.emplace_back(name);
     }
     return names;
 }
 
-std::vector<std::string> valueNames(HKEY key) {
-    return namesOf([key](DWORD i, char* name, DWORD* length) {
-        return RegEnumValueA(key, i, name, length, nullptr, nullptr, nullptr, nullptr);
-    });
-}
-
-std::vector<std::string> subKeyNames(HKEY key) {
-    return namesOf([key](DWORD i, char* name, DWORD* length) {
-        return RegEnumKeyExA(key, i, name, length, nullptr, nullptr, nullptr, nullptr);
-    });
-}
+using Names = std::vector<std::string>;
 
 TEST(Registry, KeysAreCreatedWithTheirPathAndOpenedWithoutRegardToCase) {
     HKEY key = nullptr;
-    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Keys\\A", 0, KEY_READ, &key),
-              ERROR_FILE_NOT_FOUND);
-    for (const char* path : {"SOFTWARE\\Keys\\A\\Deep", "software\\KEYS\\a\\deep"}) {
-        DWORD disposition = 0;
-        ASSERT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                                  &key, &disposition),
-                  ERROR_SUCCESS);
-        EXPECT_EQ(disposition, path[0] == 'S' ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY);
-        RegCloseKey(key);
-    }
-    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "Software\\keys", 0, KEY_READ, &key),
-              ERROR_SUCCESS);
-    EXPECT_EQ(subKeyNames(key), std::vector<std::string>{"A"});  // the case of creation
+    EXPECT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE\\Keys\\A", &key), ERROR_FILE_NOT_FOUND);
+    DWORD disposition = 0;
+    ASSERT_EQ(create("SOFTWARE\\Keys\\A\\Deep", &key, &disposition), ERROR_SUCCESS);
+    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
+    RegCloseKey(key);
+    ASSERT_EQ(create("software\\KEYS\\a\\deep", &key, &disposition), ERROR_SUCCESS);
+    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
+    RegCloseKey(key);
+
+    ASSERT_EQ(open(HKEY_LOCAL_MACHINE, "Software\\keys", &key), ERROR_SUCCESS);
+    EXPECT_EQ(namesOf(key, &subKeyName), Names{"A"});  // the case of creation
     HKEY relative = nullptr;
-    EXPECT_EQ(RegOpenKeyExA(key, "a\\DEEP", 0, KEY_READ, &relative), ERROR_SUCCESS);
+    EXPECT_EQ(open(key, "a\\DEEP", &relative), ERROR_SUCCESS);
     RegCloseKey(relative);
     RegCloseKey(key);
     EXPECT_EQ(RegCloseKey(key), ERROR_INVALID_HANDLE);  // closed twice
@@ -106,23 +113,20 @@ TEST(Registry, ValuesKeepCreationOrderAndSubKeysSortByName) {
         ASSERT_EQ(setText(key, name, name), ERROR_SUCCESS);
     }
     ASSERT_EQ(setText(key, "ALPHA", "replaced"), ERROR_SUCCESS);  // same value, same place
-    EXPECT_EQ(valueNames(key), (std::vector<std::string>{"zeta", "Alpha", "mid"}));
+    EXPECT_EQ(namesOf(key, &valueName), (Names{"zeta", "Alpha", "mid"}));
     EXPECT_EQ(text(key, "alpha"), "replaced");
-    for (const char* sub : {"b", "C", "a"}) {
-        RegCloseKey(create(std::string("SOFTWARE\\Order\\") + sub));
+    for (const char* sub : {"SOFTWARE\\Order\\b", "SOFTWARE\\Order\\C", "SOFTWARE\\Order\\a"}) {
+        RegCloseKey(create(sub));
     }
-    EXPECT_EQ(subKeyNames(key), (std::vector<std::string>{"a", "b", "C"}));
+    EXPECT_EQ(namesOf(key, &subKeyName), (Names{"a", "b", "C"}));
     // An enumeration needs room for the name and its terminator.
     char name[8];
     DWORD length = 4;
-    EXPECT_EQ(RegEnumValueA(key, 0, name, &length, nullptr, nullptr, nullptr, nullptr),
-              ERROR_MORE_DATA);
+    EXPECT_EQ(valueName(key, 0, name, &length), ERROR_MORE_DATA);
     length = 5;
-    EXPECT_EQ(RegEnumValueA(key, 0, name, &length, nullptr, nullptr, nullptr, nullptr),
-              ERROR_SUCCESS);
+    EXPECT_EQ(valueName(key, 0, name, &length), ERROR_SUCCESS);
     EXPECT_EQ(length, 4u);
-    EXPECT_EQ(RegEnumValueA(key, 3, name, &length, nullptr, nullptr, nullptr, nullptr),
-              ERROR_NO_MORE_ITEMS);
+    EXPECT_EQ(valueName(key, 3, name, &length), ERROR_NO_MORE_ITEMS);
     RegCloseKey(key);
 }
 
@@ -131,18 +135,17 @@ TEST(Registry, QueryReportsSizesTypesAndMisses) {
     ASSERT_EQ(setText(key, "Text", "hello"), ERROR_SUCCESS);
     ASSERT_EQ(setDword(key, "Number", 42), ERROR_SUCCESS);
     ASSERT_EQ(setText(key, "", "d"), ERROR_SUCCESS);
-    ASSERT_EQ(RegSetValueExA(key, "Raw", 0, REG_SZ, reinterpret_cast<const BYTE*>("abc"), 3),
-              ERROR_SUCCESS);
+    ASSERT_EQ(setText(key, "Raw", "abc", 3), ERROR_SUCCESS);  // without its terminator
 
     DWORD type = 0, size = 0;
-    EXPECT_EQ(RegQueryValueExA(key, "Text", nullptr, &type, nullptr, &size), ERROR_SUCCESS);
+    EXPECT_EQ(query(key, "Text", &type, nullptr, &size), ERROR_SUCCESS);
     EXPECT_EQ(type, REG_SZ);
     EXPECT_EQ(size, 6u);
-    BYTE small[3];
+    char small[3];
     size = sizeof small;
-    EXPECT_EQ(RegQueryValueExA(key, "Text", nullptr, &type, small, &size), ERROR_MORE_DATA);
+    EXPECT_EQ(query(key, "Text", &type, small, &size), ERROR_MORE_DATA);
     EXPECT_EQ(size, 6u);
-    EXPECT_EQ(RegQueryValueExA(key, "Nothing", nullptr, &type, small, &size), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(query(key, "Nothing", &type, small, &size), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(text(key, nullptr), "d");  // the default value
 
     DWORD number = 0;
@@ -153,21 +156,19 @@ TEST(Registry, QueryReportsSizesTypesAndMisses) {
     EXPECT_EQ(number, 42u);
     EXPECT_EQ(RegGetValueA(key, nullptr, "Text", RRF_RT_DWORD, &type, &number, &size),
               ERROR_UNSUPPORTED_TYPE);
-    // Text stored without its terminator comes back terminated.
     char buffer[8];
     size = sizeof buffer;
     EXPECT_EQ(RegGetValueA(key, nullptr, "Raw", RRF_RT_REG_SZ, nullptr, buffer, &size),
               ERROR_SUCCESS);
     EXPECT_EQ(size, 4u);
-    EXPECT_STREQ(buffer, "abc");
+    EXPECT_STREQ(buffer, "abc");  // terminated
     RegCloseKey(key);
 }
 
 TEST(Registry, AccessRightsAndDeletionRules) {
     HKEY parent = create("SOFTWARE\\Delete");
     HKEY readOnly = nullptr;
-    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Delete", 0, KEY_READ, &readOnly),
-              ERROR_SUCCESS);
+    ASSERT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE\\Delete", &readOnly), ERROR_SUCCESS);
     EXPECT_EQ(setText(readOnly, "x", "y"), ERROR_ACCESS_DENIED);
     EXPECT_EQ(RegDeleteValueA(readOnly, "x"), ERROR_ACCESS_DENIED);
     RegCloseKey(readOnly);
@@ -176,8 +177,7 @@ TEST(Registry, AccessRightsAndDeletionRules) {
     EXPECT_EQ(RegDeleteKeyA(parent, "Child"), ERROR_ACCESS_DENIED);  // has a sub-key
     EXPECT_EQ(RegDeleteKeyA(parent, "Missing"), ERROR_FILE_NOT_FOUND);
     HKEY grandchild = nullptr;
-    ASSERT_EQ(RegOpenKeyExA(parent, "Child\\Grandchild", 0, KEY_ALL_ACCESS, &grandchild),
-              ERROR_SUCCESS);
+    ASSERT_EQ(open(parent, "Child\\Grandchild", &grandchild, KEY_ALL_ACCESS), ERROR_SUCCESS);
     ASSERT_EQ(setText(grandchild, "v", "1"), ERROR_SUCCESS);
     EXPECT_EQ(RegDeleteKeyExA(parent, "child\\grandchild", KEY_WOW64_32KEY, 0), ERROR_SUCCESS);
     // The handle outlives its key.
@@ -185,7 +185,7 @@ TEST(Registry, AccessRightsAndDeletionRules) {
     EXPECT_EQ(text(grandchild, "v"), "<missing>");
     RegCloseKey(grandchild);
     EXPECT_EQ(RegDeleteKeyA(parent, "Child"), ERROR_SUCCESS);
-    EXPECT_TRUE(subKeyNames(parent).empty());
+    EXPECT_TRUE(namesOf(parent, &subKeyName).empty());
 
     ASSERT_EQ(setText(parent, "gone", "1"), ERROR_SUCCESS);
     EXPECT_EQ(RegDeleteValueA(parent, "GONE"), ERROR_SUCCESS);
@@ -193,27 +193,23 @@ TEST(Registry, AccessRightsAndDeletionRules) {
     RegCloseKey(parent);
 }
 
-// Counts the descriptors of this process that are open on path.
-int descriptorsOn(const std::string& path) {
-    int count = 0;
-    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        count += std::filesystem::read_symlink(fd.path(), gone) == path ? 1 : 0;
-    }
-    return count;
-}
-
 TEST(Registry, OneConnectionPerHiveWhateverKeysAreOpened) {
     RegCloseKey(create("SOFTWARE\\Connection"));
-    const std::string file = RegistryHiveFile(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(descriptorsOn(file), 1);
+    auto descriptorsOnTheHive = [file = RegistryHiveFile(HKEY_LOCAL_MACHINE)] {
+        int count = 0;
+        for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code gone;
+            count += std::filesystem::read_symlink(fd.path(), gone) == file ? 1 : 0;
+        }
+        return count;
+    };
+    EXPECT_EQ(descriptorsOnTheHive(), 1);
     for (int i = 0; i < 100; ++i) {
         HKEY key = nullptr;
-        ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Connection", 0, KEY_READ, &key),
-                  ERROR_SUCCESS);
+        ASSERT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE\\Connection", &key), ERROR_SUCCESS);
         RegCloseKey(key);
     }
-    EXPECT_EQ(descriptorsOn(file), 1);
+    EXPECT_EQ(descriptorsOnTheHive(), 1);
 }
 
 TEST(Registry, ChangeNotificationsFireOnceForChangesOfAnyProcess) {
@@ -225,9 +221,9 @@ TEST(Registry, ChangeNotificationsFireOnceForChangesOfAnyProcess) {
     // A change by another process.
     ASSERT_TRUE(notify(FALSE, REG_NOTIFY_CHANGE_LAST_SET));
     EXPECT_EQ(WaitForSingleObject(event, 50), WAIT_TIMEOUT);  // nothing changed yet
-    ASSERT_EQ(TesselTest::Run({TESSEL_REGISTRY_PEER, "set-dword", "SOFTWARE\\Notify", "Other", "7"})
-                  .status,
-              0);
+    const std::vector<std::string> peer{TESSEL_REGISTRY_PEER, "set-dword", "SOFTWARE\\Notify",
+                                        "Other", "7"};
+    ASSERT_EQ(TesselTest::Run(peer).status, 0);
     EXPECT_EQ(WaitForSingleObject(event, 5000), WAIT_OBJECT_0);
     // One notification fires once: a second change goes unnoticed until it is armed again.
     ASSERT_EQ(setDword(key, "Own", 1), ERROR_SUCCESS);
@@ -237,16 +233,13 @@ TEST(Registry, ChangeNotificationsFireOnceForChangesOfAnyProcess) {
     ASSERT_TRUE(notify(FALSE, REG_NOTIFY_CHANGE_NAME));
     ASSERT_EQ(setDword(key, "Own", 2), ERROR_SUCCESS);
     EXPECT_EQ(WaitForSingleObject(event, 200), WAIT_TIMEOUT);
-    RegCloseKey(create("SOFTWARE\\Notify\\Sub"));
+    HKEY sub = create("SOFTWARE\\Notify\\Sub");
     EXPECT_EQ(WaitForSingleObject(event, 5000), WAIT_OBJECT_0);
-
     // A value changed deep below, for a notification on the whole sub-tree.
     ASSERT_TRUE(notify(TRUE, REG_NOTIFY_CHANGE_LAST_SET));
-    HKEY sub = create("SOFTWARE\\Notify\\Sub");
     ASSERT_EQ(setDword(sub, "Deep", 3), ERROR_SUCCESS);
     EXPECT_EQ(WaitForSingleObject(event, 5000), WAIT_OBJECT_0);
     RegCloseKey(sub);
-
     // Closing the handle fires its pending notification.
     ASSERT_TRUE(notify(FALSE, REG_NOTIFY_CHANGE_LAST_SET));
     RegCloseKey(key);
@@ -256,18 +249,15 @@ TEST(Registry, ChangeNotificationsFireOnceForChangesOfAnyProcess) {
 
 TEST(Registry, DatabaseOfRandomBytesFailsWithOneLogLine) {
     const std::string file = RegistryHiveFile(HKEY_LOCAL_MACHINE);
-    {
-        std::ofstream garbage(file, std::ios::binary);
-        std::mt19937 random(7);
-        for (int i = 0; i < 8192; ++i) {
-            garbage.put(static_cast<char>(random()));
-        }
+    std::ofstream garbage(file, std::ios::binary);
+    std::mt19937 random(7);
+    for (int i = 0; i < 8192; ++i) {
+        garbage.put(static_cast<char>(random()));
     }
+    garbage.close();
     HKEY key = nullptr;
-    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE", 0, KEY_READ, &key), ERROR_BADDB);
-    EXPECT_EQ(RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\X", 0, nullptr, 0, KEY_ALL_ACCESS,
-                              nullptr, &key, nullptr),
-              ERROR_BADDB);
+    EXPECT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE", &key), ERROR_BADDB);
+    EXPECT_EQ(create("SOFTWARE\\X", &key), ERROR_BADDB);
     EXPECT_EQ(setText(HKEY_LOCAL_MACHINE, "v", "x"), ERROR_BADDB);
     // The first failure comes while the log itself is built (it reads its folder from the
     // registry); its line is written once the log stands.
@@ -292,20 +282,14 @@ TEST(Registry, ReadOnlyFolderReadsButRefusesWrites) {
                       return 10;
                   }
                   HKEY key = nullptr;
-                  if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\ReadOnly", 0,
-                                    KEY_READ | KEY_SET_VALUE, &key) != ERROR_SUCCESS ||
-                      text(key, "Kept") != "yes") {
-                      return 11;
-                  }
-                  if (setText(key, "New", "no") != ERROR_ACCESS_DENIED) {
-                      return 12;
-                  }
                   HKEY created = nullptr;
-                  return RegCreateKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Fresh", 0, nullptr, 0,
-                                         KEY_ALL_ACCESS, nullptr, &created,
-                                         nullptr) == ERROR_ACCESS_DENIED
-                             ? 0
-                             : 13;
+                  return open(HKEY_LOCAL_MACHINE, "SOFTWARE\\ReadOnly", &key,
+                              KEY_READ | KEY_SET_VALUE) != ERROR_SUCCESS
+                             ? 11
+                         : text(key, "Kept") != "yes"                                 ? 12
+                         : setText(key, "New", "no") != ERROR_ACCESS_DENIED           ? 13
+                         : create("SOFTWARE\\Fresh", &created) != ERROR_ACCESS_DENIED ? 14
+                                                                                      : 0;
               }),
               0);
     ::chmod(dir.c_str(), 0755);
@@ -344,8 +328,7 @@ TEST(RegistryReliability, TwoProcessesWritingAtOnceLoseNothing) {
     for (int writer : {1, 2}) {
         for (int i = 0; i < 1000; ++i) {
             DWORD value = 0, size = sizeof value;
-            ASSERT_EQ(RegQueryValueExA(key, valueName(writer, i).c_str(), nullptr, nullptr,
-                                       reinterpret_cast<BYTE*>(&value), &size),
+            ASSERT_EQ(query(key, valueName(writer, i).c_str(), nullptr, &value, &size),
                       ERROR_SUCCESS);
             EXPECT_EQ(value, static_cast<DWORD>(i));
         }
@@ -369,47 +352,43 @@ std::string integrityCheck(const std::string& file) {
 
 TEST(RegistryReliability, WriterKilledTwentyTimesLosesNoReturnedWrite) {
     RegCloseKey(create(kShared));
+    // Shared with the writer: the index of its last write that returned.
+    int* shared = static_cast<int*>(
+        ::mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(shared, MAP_FAILED);
+    std::atomic_ref<int> acknowledged(*shared);
     std::mt19937 random(11);
     std::uniform_int_distribution<int> delayMs(5, 60);
     for (int round = 0; round < 20; ++round) {
-        // The writer writes values 0, 1, 2, ... and reports each index once its write returned.
-        int report[2];
-        ASSERT_EQ(::pipe(report), 0);
+        acknowledged = -1;
         const pid_t pid = ::fork();
-        if (pid == 0) {
-            ::close(report[0]);
+        if (pid == 0) {  // writes values 0, 1, 2, ... until it is killed
             HKEY key = create(kShared);
             for (int i = 0;; ++i) {
                 const std::string value(100 + (i % 50), static_cast<char>('a' + i % 26));
-                if (setText(key, valueName(round, i), value) != ERROR_SUCCESS ||
-                    ::write(report[1], &i, sizeof i) != sizeof i) {
+                if (setText(key, valueName(round, i), value) != ERROR_SUCCESS) {
                     ::_exit(1);
                 }
+                acknowledged = i;
             }
         }
-        ::close(report[1]);
         std::this_thread::sleep_for(std::chrono::milliseconds(delayMs(random)));  // a random point
         ::kill(pid, SIGKILL);
         ASSERT_EQ(TesselTest::WaitForChild(pid, std::chrono::seconds(10)), 128 + SIGKILL)
             << "the writer stopped by itself in round " << round;
-        int acknowledged = -1;
-        for (int index; ::read(report[0], &index, sizeof index) == sizeof index;) {
-            acknowledged = index;
-        }
-        ::close(report[0]);
 
         EXPECT_EQ(integrityCheck(RegistryHiveFile(HKEY_LOCAL_MACHINE)), "ok") << round;
         HKEY key = create(kShared);
         for (int i = 0; i <= acknowledged; ++i) {
             DWORD size = 0;
-            ASSERT_EQ(RegQueryValueExA(key, valueName(round, i).c_str(), nullptr, nullptr, nullptr,
-                                       &size),
+            ASSERT_EQ(query(key, valueName(round, i).c_str(), nullptr, nullptr, &size),
                       ERROR_SUCCESS)
-                << "round " << round << ", value " << i << " of " << acknowledged;
+                << "round " << round << ", value " << i;
             EXPECT_EQ(size, 101u + i % 50);
         }
         RegCloseKey(key);
     }
+    ::munmap(shared, sizeof(int));
 }
 
 }  // namespace

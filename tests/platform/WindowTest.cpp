@@ -1,141 +1,64 @@
-// Windows of other processes, against a receiver run by the test.
+// Windows of other processes, against a receiving end that the test drives itself while the
+// message is sent from a thread of its own.
 #include "tessel/platform/Window.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "support/Eventually.h"
-#include "tessel/platform/LastError.h"
-#include "tessel/platform/Process.h"
+#include "platform/PlatformTest.h"
+#include "support/WaitProbe.h"
 
 using namespace Tessel::Platform;
+using PlatformTest::failureOf;
 
 namespace {
 
-std::string uniqueTitle(const char* what) {
-    static std::atomic<int> counter{0};
-    return std::string("tessel-test-window-") + what + "-" + std::to_string(GetCurrentProcessId()) +
-           "-" + std::to_string(counter++);
-}
-
-// A thread that listens on the window's SOCK_SEQPACKET socket, records every packet and
-// answers it with one byte; while answers are held, it only records.
+// The listening socket of a window and the connection that this process makes to it.
 class Receiver {
   public:
     explicit Receiver(const std::string& title)
-        : m_listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)),
-          m_stop(::eventfd(0, EFD_CLOEXEC)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path + 1, title.data(), title.size());
-        const auto length =
-            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + title.size());
-        EXPECT_EQ(::bind(m_listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+        : m_listener(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        EXPECT_EQ(PlatformTest::bindAbstract(m_listener, title), 0);
         EXPECT_EQ(::listen(m_listener, 16), 0);
-        m_thread = std::thread([this] { serve(); });
     }
     ~Receiver() {
-        EXPECT_EQ(::eventfd_write(m_stop, 1), 0);
-        m_thread.join();
-        for (const int fd : m_connections) {
-            ::close(fd);
-        }
+        ::close(m_connection);
         ::close(m_listener);
-        ::close(m_stop);
     }
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
-    std::vector<std::string> packets() {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_packets;
-    }
-    int accepted() {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_accepted;
-    }
-    void setAnswer(unsigned char answer) { m_answer = answer; }
-    void holdAnswers() {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_hold = true;
-    }
-    // Answers the packets held so far, and those to come.
-    void answerHeld() {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_hold = false;
-        for (const int fd : m_held) {
-            answer(fd);
+    // The next packet, "" when none comes within timeoutMs.
+    std::string receive(int timeoutMs = 5000) {
+        if (m_connection < 0 && ready(m_listener, timeoutMs)) {
+            m_connection = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
         }
-        m_held.clear();
+        char packet[4096];
+        const ssize_t got =
+            ready(m_connection, timeoutMs) ? ::recv(m_connection, packet, sizeof packet, 0) : 0;
+        return std::string(packet, got > 0 ? static_cast<std::size_t>(got) : 0);
     }
+    void answer(unsigned char byte) { EXPECT_EQ(::send(m_connection, &byte, 1, MSG_NOSIGNAL), 1); }
+    // Whether a second connection waits to be accepted.
+    bool anotherConnection() const { return ready(m_listener, 0); }
 
   private:
-    void serve() {
-        for (;;) {
-            std::vector<pollfd> fds{{m_stop, POLLIN, 0}, {m_listener, POLLIN, 0}};
-            for (const int fd : m_connections) {
-                fds.push_back({fd, POLLIN, 0});
-            }
-            ::poll(fds.data(), fds.size(), -1);
-            if (fds[0].revents != 0) {
-                return;
-            }
-            std::lock_guard<std::mutex> guard(m_lock);
-            if (fds[1].revents != 0) {
-                m_connections.push_back(::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC));
-                ++m_accepted;
-            }
-            for (auto entry = std::next(fds.begin(), 2); entry != fds.end(); ++entry) {
-                if (entry->revents == 0) {
-                    continue;
-                }
-                char packet[4096];
-                const ssize_t got = ::recv(entry->fd, packet, sizeof packet, 0);
-                if (got <= 0) {
-                    ::close(entry->fd);
-                    std::erase(m_connections, entry->fd);
-                    std::erase(m_held, entry->fd);
-                    continue;
-                }
-                m_packets.emplace_back(packet, static_cast<std::size_t>(got));
-                if (m_hold) {
-                    m_held.push_back(entry->fd);
-                } else {
-                    answer(entry->fd);
-                }
-            }
-        }
-    }
-    void answer(int fd) {
-        const unsigned char byte = m_answer;
-        EXPECT_EQ(::send(fd, &byte, 1, MSG_NOSIGNAL), 1);
+    static bool ready(int fd, int timeoutMs) {
+        pollfd entry{fd, POLLIN, 0};
+        return ::poll(&entry, 1, timeoutMs) == 1;
     }
 
     const int m_listener;
-    const int m_stop;
-    std::thread m_thread;
-    std::atomic<unsigned char> m_answer{1};
-    std::mutex m_lock;  // guards what follows; m_connections is the serving thread's
-    std::vector<int> m_connections;
-    std::vector<int> m_held;
-    bool m_hold = false;
-    std::vector<std::string> m_packets;
-    int m_accepted = 0;
+    int m_connection = -1;
 };
 
 LRESULT send(HWND window, ULONG_PTR type, std::string data, DWORD_PTR* result,
@@ -145,6 +68,20 @@ LRESULT send(HWND window, ULONG_PTR type, std::string data, DWORD_PTR* result,
                                SMTO_BLOCK | SMTO_ABORTIFHUNG, timeoutMs, result);
 }
 
+// Sends type and data to window from a thread of its own, while receiver takes the packet
+// into *packet and answers it with answer. The result of the send, whose answer is in *result.
+LRESULT exchange(HWND window, Receiver& receiver, ULONG_PTR type, const std::string& data,
+                 unsigned char answer, DWORD_PTR* result, std::string* packet = nullptr) {
+    TesselTest::AsyncCall call([&] { return send(window, type, data, result) != 0 ? 1u : 0u; });
+    const std::string received = receiver.receive();
+    receiver.answer(answer);
+    EXPECT_TRUE(call.finishes());
+    if (packet != nullptr) {
+        *packet = received;
+    }
+    return call.result();
+}
+
 std::size_t openDescriptors() {
     return static_cast<std::size_t>(
         std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -152,45 +89,60 @@ std::size_t openDescriptors() {
 }
 
 TEST(Window, SendsTypeAndDataOverOneSharedConnectionAndReturnsTheAnswer) {
-    const std::string title = uniqueTitle("send");
+    const std::string title = PlatformTest::uniqueName("tessel-test-window");
     Receiver receiver(title);
-    receiver.setAnswer(0xA5);
     HWND window = FindWindowA(nullptr, title.c_str());
     ASSERT_NE(window, nullptr);
     DWORD_PTR result = 0;
-    EXPECT_NE(send(window, 0x0102030405060708u, "record", &result), 0);
+    std::string packet;
+    EXPECT_EQ(exchange(window, receiver, 0x0102030405060708u, "record", 0xA5, &result, &packet), 1);
     EXPECT_EQ(result, 0xA5u);
-    EXPECT_NE(send(window, 3, "", nullptr), 0);
-    const std::vector<std::string> packets = receiver.packets();
-    ASSERT_EQ(packets.size(), 2u);
-    EXPECT_EQ(packets[0], std::string("\x08\x07\x06\x05\x04\x03\x02\x01record", 14));
-    EXPECT_EQ(packets[1], std::string("\x03\0\0\0\0\0\0\0", 8));
+    EXPECT_EQ(packet, std::string("\x08\x07\x06\x05\x04\x03\x02\x01record", 14));
+    EXPECT_EQ(exchange(window, receiver, 3, "", 1, nullptr, &packet), 1);
+    EXPECT_EQ(packet, std::string("\x03\0\0\0\0\0\0\0", 8));
 
     // Look-ups hand out the same handle and cost no descriptor.
     const std::size_t descriptors = openDescriptors();
     for (int i = 0; i < 100; ++i) {
         EXPECT_EQ(FindWindowA(nullptr, title.c_str()), window);
-        EXPECT_NE(send(window, 1, "x", &result), 0);
+        EXPECT_EQ(exchange(window, receiver, 1, "x", 1, &result), 1);
     }
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_EQ(receiver.accepted(), 1);
-    EXPECT_EQ(receiver.packets().size(), 102u);
+    EXPECT_FALSE(receiver.anotherConnection());
+}
+
+TEST(Window, RefusesWhatItCannotSend) {
+    const std::string title = PlatformTest::uniqueName("tessel-test-window");
+    Receiver receiver(title);
+    HWND window = FindWindowA(nullptr, title.c_str());
+    ASSERT_NE(window, nullptr);
+    DWORD_PTR result = 0;
+    EXPECT_EQ(failureOf(SendMessageTimeoutA(window, 0x0010, 0, 0, SMTO_NORMAL, 100, &result)),
+              ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(failureOf(SendMessageTimeoutA(window, WM_COPYDATA, 0, 0, SMTO_NORMAL, 100, &result)),
+              ERROR_INVALID_PARAMETER);
+    int notAWindow = 0;
+    for (HWND bad : {reinterpret_cast<HWND>(&notAWindow), HWND{nullptr}}) {
+        EXPECT_EQ(failureOf(send(bad, 1, "x", &result)), ERROR_INVALID_WINDOW_HANDLE);
+    }
+    EXPECT_EQ(receiver.receive(0), "");  // nothing reached the receiver
+    EXPECT_EQ(failureOf(FindWindowA(nullptr, nullptr)), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(FindWindowA(nullptr, std::string(108, 't').c_str())),
+              ERROR_FILENAME_EXCED_RANGE);
 }
 
 TEST(Window, ConnectionsOfGoneReceiversAreClosed) {
-    const std::string title = uniqueTitle("closed");
-    const std::string other = uniqueTitle("other");
+    const std::string other = PlatformTest::uniqueName("tessel-test-window");
     Receiver stays(other);
-    HWND staying = FindWindowA(nullptr, other.c_str());
-    ASSERT_NE(staying, nullptr);
-    DWORD_PTR result = 0;
-    EXPECT_NE(send(staying, 1, "x", &result), 0);  // accepted by now
+    ASSERT_NE(FindWindowA(nullptr, other.c_str()), nullptr);
     const std::size_t descriptors = openDescriptors();
     {
+        const std::string title = PlatformTest::uniqueName("tessel-test-window");
         Receiver receiver(title);
         HWND window = FindWindowA(nullptr, title.c_str());
         ASSERT_NE(window, nullptr);
-        EXPECT_NE(send(window, 1, "x", &result), 0);
+        DWORD_PTR result = 0;
+        EXPECT_EQ(exchange(window, receiver, 1, "x", 1, &result), 1);
     }
     // Gone with its receiver: the next look-up of any window closes its connection.
     ASSERT_NE(FindWindowA(nullptr, other.c_str()), nullptr);
@@ -198,9 +150,8 @@ TEST(Window, ConnectionsOfGoneReceiversAreClosed) {
 }
 
 TEST(Window, ReceiverThatWentAndCameBack) {
-    const std::string title = uniqueTitle("gone");
-    EXPECT_EQ(FindWindowA(nullptr, title.c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    const std::string title = PlatformTest::uniqueName("tessel-test-window");
+    EXPECT_EQ(failureOf(FindWindowA(nullptr, title.c_str())), ERROR_FILE_NOT_FOUND);
     HWND window = nullptr;
     {
         Receiver receiver(title);
@@ -208,37 +159,34 @@ TEST(Window, ReceiverThatWentAndCameBack) {
         ASSERT_NE(window, nullptr);
     }
     DWORD_PTR result = 0;
-    EXPECT_EQ(send(window, 1, "x", &result), 0);
-    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
-    EXPECT_EQ(FindWindowA(nullptr, title.c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(failureOf(send(window, 1, "x", &result)), ERROR_BROKEN_PIPE);
+    EXPECT_EQ(failureOf(FindWindowA(nullptr, title.c_str())), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(send(window, 1, "x", &result), 0);
 
     Receiver again(title);
     EXPECT_EQ(FindWindowA(nullptr, title.c_str()), window);
-    EXPECT_NE(send(window, 2, "y", &result), 0);
-    EXPECT_EQ(again.packets().size(), 1u);
+    std::string packet;
+    EXPECT_EQ(exchange(window, again, 2, "y", 1, &result, &packet), 1);
+    EXPECT_EQ(packet.substr(8), "y");
 }
 
 TEST(Window, LateAnswerIsDroppedAndNotTakenForTheNext) {
-    const std::string title = uniqueTitle("late");
+    const std::string title = PlatformTest::uniqueName("tessel-test-window");
     Receiver receiver(title);
     HWND window = FindWindowA(nullptr, title.c_str());
     ASSERT_NE(window, nullptr);
-    receiver.holdAnswers();
-    receiver.setAnswer(7);
     DWORD_PTR result = 0;
-    EXPECT_EQ(send(window, 1, "first", &result, 50), 0);
-    EXPECT_EQ(GetLastError(), ERROR_TIMEOUT);
-    ASSERT_TRUE(TesselTest::eventually([&] { return receiver.packets().size() == 1; }));
-    receiver.answerHeld();  // the answer 7 is on its way now
-    receiver.setAnswer(9);
-    EXPECT_NE(send(window, 2, "second", &result), 0);
+    TesselTest::AsyncCall first([&] { return failureOf(send(window, 1, "first", &result, 50)); });
+    EXPECT_EQ(receiver.receive().substr(8), "first");
+    ASSERT_TRUE(first.finishes());
+    EXPECT_EQ(first.result(), ERROR_TIMEOUT);
+    receiver.answer(7);  // late
+    EXPECT_EQ(exchange(window, receiver, 2, "second", 9, &result), 1);
     EXPECT_EQ(result, 9u);
 }
 
 TEST(Window, SendersOfManyThreadsTakeTurns) {
-    const std::string title = uniqueTitle("threads");
+    const std::string title = PlatformTest::uniqueName("tessel-test-window");
     Receiver receiver(title);
     std::atomic<int> answered{0};
     std::vector<std::thread> senders;
@@ -247,43 +195,21 @@ TEST(Window, SendersOfManyThreadsTakeTurns) {
             for (int i = 0; i < 25; ++i) {
                 HWND window = FindWindowA(nullptr, title.c_str());
                 DWORD_PTR result = 0;
-                answered += window != nullptr &&
-                                    send(window, static_cast<ULONG_PTR>(t), std::to_string(i),
-                                         &result) != 0 &&
-                                    result == 1
-                                ? 1
-                                : 0;
+                if (window != nullptr && send(window, static_cast<ULONG_PTR>(t), "x", &result) &&
+                    result == 1) {
+                    ++answered;
+                }
             }
         });
+    }
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(receiver.receive().size(), 9u) << i;
+        receiver.answer(1);
     }
     for (std::thread& sender : senders) {
         sender.join();
     }
     EXPECT_EQ(answered.load(), 100);
-    EXPECT_EQ(receiver.packets().size(), 100u);
-}
-
-TEST(Window, RefusesWhatItCannotSend) {
-    DWORD_PTR result = 0;
-    int notAWindow = 0;
-    for (HWND bad : {reinterpret_cast<HWND>(&notAWindow), HWND{nullptr}}) {
-        EXPECT_EQ(send(bad, 1, "x", &result), 0);
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
-    }
-    const std::string title = uniqueTitle("refuse");
-    Receiver receiver(title);
-    HWND window = FindWindowA(nullptr, title.c_str());
-    ASSERT_NE(window, nullptr);
-    EXPECT_EQ(SendMessageTimeoutA(window, 0x0010, 0, 0, SMTO_NORMAL, 100, &result), 0);
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    EXPECT_EQ(SendMessageTimeoutA(window, WM_COPYDATA, 0, 0, SMTO_NORMAL, 100, &result), 0);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_TRUE(receiver.packets().empty());
-
-    EXPECT_EQ(FindWindowA(nullptr, nullptr), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(FindWindowA(nullptr, std::string(108, 't').c_str()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
 }
 
 }  // namespace

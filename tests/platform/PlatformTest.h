@@ -1,0 +1,40 @@
+// Helpers shared by the tests of the platform layer.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "tessel/platform/LastError.h"
+#include "tessel/platform/Process.h"
+
+namespace PlatformTest {
+
+// The last error after a call that is to fail with a zero or null result; 0xFFFFFFFF when it
+// succeeded instead.
+template <typename Result>
+Tessel::Platform::DWORD failureOf(const Result& result) {
+    return result ? 0xFFFFFFFFu : Tessel::Platform::GetLastError();
+}
+
+// A name of this test process's own: prefix, the process id and a count.
+inline std::string uniqueName(const std::string& prefix) {
+    static std::atomic<int> counter{0};
+    return prefix + "-" + std::to_string(Tessel::Platform::GetCurrentProcessId()) + "-" +
+           std::to_string(counter++);
+}
+
+// Binds the Unix socket fd to the abstract address "\0name".
+inline int bindAbstract(int fd, const std::string& name) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, name.data(), name.size());
+    return ::bind(fd, reinterpret_cast<sockaddr*>(&address),
+                  static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size()));
+}
+
+}  // namespace PlatformTest
