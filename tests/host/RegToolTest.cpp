@@ -14,6 +14,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/ChildProcess.h"
@@ -199,11 +200,8 @@ TEST_F(RegTool, QueryPrintsKeysValuesAndSearchesAsRegDoes) {
                                "    Big    REG_QWORD    0x10000000000002a\n"
                                "    Path    REG_EXPAND_SZ    %HOME%/x\n\n";
     const std::string sub2 = kFull + "\\Sub2\n    Deep    REG_SZ    x\n";
-    const struct {
-        Args arguments;
-        int status;
-        std::string out;
-    } cases[] = {
+    // The arguments, the exit status and the output.
+    const std::tuple<Args, int, std::string> cases[] = {
         {{"query", kTool}, 0, values + kFull + "\\Sub1\n" + kFull + "\\Sub2\n"},
         // A key without values lists only its sub-keys.
         {{"query", kTool + "\\Sub1"}, 0, "\n" + kFull + "\\Sub1\\Leaf\n"},
@@ -222,9 +220,8 @@ TEST_F(RegTool, QueryPrintsKeysValuesAndSearchesAsRegDoes) {
              "\\Sub2\n    port    REG_SZ    9800\n\nEnd of search: 2 match(es) found.\n"},
         {{"query", kTool, "/v", "Nothing", "/s"}, 1, "\nEnd of search: 0 match(es) found.\n"},
     };
-    for (const auto& c : cases) {
-        EXPECT_TRUE(gives(reg(c.arguments), c.status, c.out))
-            << testing::PrintToString(c.arguments);
+    for (const auto& [arguments, status, out] : cases) {
+        EXPECT_TRUE(gives(reg(arguments), status, out)) << testing::PrintToString(arguments);
     }
 }
 

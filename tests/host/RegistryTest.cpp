@@ -6,12 +6,12 @@
 #include <optional>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/ChildProcess.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
-#include "support/ScratchRegistry.h"
 #include "tessel/logging/ILogging.h"
 
 using namespace Tessel::Platform;
@@ -43,19 +43,9 @@ DWORD typeOf(const std::string& key, const char* name) {
                : kNoValue;
 }
 
-class Reg : public testing::Test {
-  protected:
-    void SetUp() override { TesselTest::UseScratchRegistry(); }
-};
-
-TEST_F(Reg, StringReadsMissAndPlantTheDefaultOnlyWhenAsked) {
+TEST(Reg, StringReadsMissAndPlantTheDefaultOnlyWhenAsked) {
     // What a read gives, nullopt for a miss; REG_NONE rows are not stored at all.
-    const struct {
-        const char* name;
-        DWORD type;
-        std::string bytes;
-        std::optional<std::string> read;
-    } cases[] = {
+    const std::tuple<const char*, DWORD, std::string, std::optional<std::string>> cases[] = {
         {"Missing", REG_NONE, "", std::nullopt},
         {"Long", REG_SZ, std::string(256, 'x') + '\0', std::nullopt},  // 257 bytes with the NUL
         {"Fits", REG_SZ, std::string(255, 'y') + '\0', std::string(255, 'y')},
@@ -65,23 +55,23 @@ TEST_F(Reg, StringReadsMissAndPlantTheDefaultOnlyWhenAsked) {
         {"Empty", REG_SZ, "\0"s, ""},
         {"NoBytes", REG_SZ, "", ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        if (c.type != REG_NONE) {
-            raw(kKey, c.name, c.type, c.bytes);
+    for (const auto& [name, type, bytes, read] : cases) {
+        SCOPED_TRACE(name);
+        if (type != REG_NONE) {
+            raw(kKey, name, type, bytes);
         }
-        EXPECT_EQ(REG::Get(kKey, c.name, "e"), c.read.value_or("e"));
-        EXPECT_EQ(typeOf(kKey, c.name), c.type == REG_NONE ? kNoValue : c.type);    // left alone
-        EXPECT_EQ(REG::Get(kKey, c.name, "d", false, true), c.read.value_or("d"));  // plants
-        EXPECT_EQ(REG::Get(kKey, c.name, "e"), c.read.value_or("d"));
-        if (!c.read) {
-            EXPECT_EQ(typeOf(kKey, c.name), REG_SZ);
+        EXPECT_EQ(REG::Get(kKey, name, "e"), read.value_or("e"));
+        EXPECT_EQ(typeOf(kKey, name), type == REG_NONE ? kNoValue : type);      // left alone
+        EXPECT_EQ(REG::Get(kKey, name, "d", false, true), read.value_or("d"));  // plants
+        EXPECT_EQ(REG::Get(kKey, name, "e"), read.value_or("d"));
+        if (!read) {
+            EXPECT_EQ(typeOf(kKey, name), REG_SZ);
         }
     }
     EXPECT_EQ(REG::Get(kKey, "Nothing", nullptr), "");
 }
 
-TEST_F(Reg, NumbersAndFlagsAreKeptAsText) {
+TEST(Reg, NumbersAndFlagsAreKeptAsText) {
     EXPECT_TRUE(REG::Write(kKey, "Long", 42L));
     EXPECT_EQ(REG::Get(kKey, "Long", "x"), "42");
     EXPECT_EQ(REG::Get(kKey, "Long", 0L), 42);
@@ -108,7 +98,7 @@ TEST_F(Reg, NumbersAndFlagsAreKeptAsText) {
     EXPECT_STREQ(buffer, "123");  // cut to the buffer
 }
 
-TEST_F(Reg, WriteCutsTrailingBlanksAndStamps) {
+TEST(Reg, WriteCutsTrailingBlanksAndStamps) {
     char text[] = "value  ";
     EXPECT_TRUE(REG::Write(kKey, "Blanks", text));
     EXPECT_STREQ(text, "value");  // in the caller's buffer
@@ -124,7 +114,7 @@ TEST_F(Reg, WriteCutsTrailingBlanksAndStamps) {
         << stored;
 }
 
-TEST_F(Reg, PrioGetTakesTheFirstNonEmptyText) {
+TEST(Reg, PrioGetTakesTheFirstNonEmptyText) {
     const std::string first = kKey + "\\First"s;
     const std::string second = kKey + "\\Second"s;
     REG::Write(first, "N", "");
@@ -140,7 +130,7 @@ TEST_F(Reg, PrioGetTakesTheFirstNonEmptyText) {
     EXPECT_TRUE(REG::PrioGet(first, second, "None", true));
 }
 
-TEST_F(Reg, DwordValuesAndTheirRepair) {
+TEST(Reg, DwordValuesAndTheirRepair) {
     EXPECT_TRUE(REG::WriteLong(kKey, "Dword", -2));
     EXPECT_EQ(REG::GetLong(kKey, "Dword", 0), -2);
     EXPECT_EQ(typeOf(kKey, "Dword"), REG_DWORD);
@@ -160,7 +150,7 @@ TEST_F(Reg, DwordValuesAndTheirRepair) {
     EXPECT_EQ(typeOf(kKey, "Absent"), kNoValue);
 }
 
-TEST_F(Reg, BinaryValuesAndTheirTraceMessages) {
+TEST(Reg, BinaryValuesAndTheirTraceMessages) {
     const unsigned char data[] = {0, 1, 2, 0xFF};
     EXPECT_TRUE(REG::Write(kKey, "Bytes", data, sizeof data));
     unsigned char read[8] = {};
@@ -189,7 +179,7 @@ TEST_F(Reg, BinaryValuesAndTheirTraceMessages) {
     EXPECT_EQ(quiet.text(), "");
 }
 
-TEST_F(Reg, ListingsAndDeletions) {
+TEST(Reg, ListingsAndDeletions) {
     const std::string base = "SOFTWARE\\Tarvo Works\\Listing";
     REG::CreateSubKey(base + "\\Beta");
     REG::CreateSubKey(base + "\\alpha");
@@ -232,7 +222,7 @@ TEST_F(Reg, ListingsAndDeletions) {
     EXPECT_FALSE(REG::GetKeyValues(key + "\\A\\B\\C", names));
 }
 
-TEST_F(Reg, EventHelperReadsOnlyAfterAChange) {
+TEST(Reg, EventHelperReadsOnlyAfterAChange) {
     REG::CRegistryDWord record{false, 3, "SOFTWARE\\Tarvo Works\\GPS Velkor\\DebugService",
                                "Watched"};
     REG::CreateSubKey(record.m_strKey);  // a notification needs the key to exist

@@ -22,7 +22,6 @@ class SinkTest : public testing::Test {
         char buffer[260];
         Tessel::Platform::GetTempPathA(sizeof buffer, buffer);
         m_folder = std::string(buffer) + "sink/";
-        fs::remove_all(m_folder);
         fs::create_directories(m_folder);
     }
 
@@ -41,12 +40,6 @@ class SinkTest : public testing::Test {
         sink.log(spdlog::details::log_msg(time, spdlog::source_loc{}, "DailyLogger",
                                           spdlog::level::info, text));
         sink.flush();
-    }
-
-    // The size of the file of day and index.
-    std::uintmax_t size(Clock::time_point day, std::uint64_t index,
-                        const std::string& stem = "App_") const {
-        return fs::file_size(name(day, index, stem));
     }
 
     std::string name(Clock::time_point day, std::uint64_t index,
@@ -84,25 +77,25 @@ TEST_F(SinkTest, LimitIsExceededOnlyAboveItAlsoAfterARestart) {
         write(*sink, 10);  // 100 is not above 100
     }
     EXPECT_EQ(sink->fileIndex(), 0u);
-    EXPECT_EQ(size(now, 0), 100u);
+    EXPECT_EQ(fs::file_size(name(now, 0)), 100u);
     write(*sink, 11);  // the message opens the next file
     EXPECT_EQ(sink->fileIndex(), 1u);
     EXPECT_EQ(sink->currentSize(), 11u);
-    EXPECT_EQ(size(now, 1), 11u);
-    EXPECT_EQ(size(now, 0), 100u);
+    EXPECT_EQ(fs::file_size(name(now, 1)), 11u);
+    EXPECT_EQ(fs::file_size(name(now, 0)), 100u);
 
     auto ninety = make(100, 0, "B_");
     write(*ninety, 90);
     write(*ninety, 11);
     EXPECT_EQ(ninety->fileIndex(), 1u);
-    EXPECT_EQ(size(now, 0, "B_"), 90u);
-    EXPECT_EQ(size(now, 1, "B_"), 11u);
+    EXPECT_EQ(fs::file_size(name(now, 0, "B_")), 90u);
+    EXPECT_EQ(fs::file_size(name(now, 1, "B_")), 11u);
 
     // An oversized message is written whole.
     auto small = make(10, 0, "C_");
     write(*small, 25);
     EXPECT_EQ(small->fileIndex(), 1u);
-    EXPECT_EQ(size(now, 1, "C_"), 25u);
+    EXPECT_EQ(fs::file_size(name(now, 1, "C_")), 25u);
     write(*small, 2);  // over the limit again: the next file
     EXPECT_EQ(small->fileIndex(), 2u);
 
@@ -112,7 +105,7 @@ TEST_F(SinkTest, LimitIsExceededOnlyAboveItAlsoAfterARestart) {
     EXPECT_EQ(restarted->currentSize(), 40u);
     write(*restarted, 61);  // 101 > 100
     EXPECT_EQ(restarted->fileIndex(), 3u);
-    EXPECT_EQ(size(now, 2, "D_"), 40u);
+    EXPECT_EQ(fs::file_size(name(now, 2, "D_")), 40u);
 }
 
 TEST_F(SinkTest, MessageTimeDecidesTheDayAndTheDayRuleWins) {
@@ -123,7 +116,7 @@ TEST_F(SinkTest, MessageTimeDecidesTheDayAndTheDayRuleWins) {
     write(*sink, 10, tomorrow() + std::chrono::seconds(1));  // starts the new date at index 0
     EXPECT_EQ(sink->fileIndex(), 0u);
     EXPECT_EQ(sink->filename(), name(tomorrow(), 0));
-    EXPECT_EQ(size(tomorrow(), 0), 10u);
+    EXPECT_EQ(fs::file_size(name(tomorrow(), 0)), 10u);
 
     auto full = make(10, 3, "B_");
     write(*full, 20, tomorrow());

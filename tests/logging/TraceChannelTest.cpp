@@ -8,7 +8,6 @@
 
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
-#include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/host/Registry.h"
 #include "tessel/logging/ErrorUtil.h"
@@ -25,18 +24,13 @@ namespace {
 
 const char* const kKey = "SOFTWARE\\Tarvo Works\\GPS Velkor\\Trace";
 
-class TraceChannel : public testing::Test {
-  protected:
-    void SetUp() override { TesselTest::UseScratchRegistry(); }
+// Sets value to flags in the registry and makes it the channel's source.
+void useFlags(const char* value, unsigned long flags) {
+    REG::WriteLong(kKey, value, static_cast<long>(flags));
+    CTraceUtil::SetRegistryKey(kKey, value);
+}
 
-    // Sets value to flags in the registry and makes it the channel's source.
-    static void useFlags(const char* value, unsigned long flags) {
-        REG::WriteLong(kKey, value, static_cast<long>(flags));
-        CTraceUtil::SetRegistryKey(kKey, value);
-    }
-};
-
-TEST_F(TraceChannel, CategoryBitsComeFromTheRegistryWithoutRestart) {
+TEST(TraceChannel, CategoryBitsComeFromTheRegistryWithoutRestart) {
     TesselTest::DebugOutputCapture capture;
     CTraceUtil::OutputString(0xFFFFFFFF, "lost\n");  // nothing until a key is named
     EXPECT_FALSE(CTraceUtil::IsCategorySet(1));
@@ -72,7 +66,7 @@ TEST_F(TraceChannel, CategoryBitsComeFromTheRegistryWithoutRestart) {
     EXPECT_NE(capture.texts()[3].find(": Epoch end\n"), std::string::npos);
 }
 
-TEST_F(TraceChannel, WaitResultsAreReported) {
+TEST(TraceChannel, WaitResultsAreReported) {
     useFlags("Wait", CTraceUtil::WAIT_AND_ERROR_CATEGORY);
     const std::pair<unsigned int, const char*> cases[] = {
         {1, nullptr},  // nothing reported
@@ -106,7 +100,7 @@ TEST_F(TraceChannel, WaitResultsAreReported) {
         << log.text();
 }
 
-TEST_F(TraceChannel, LastErrorPerThread) {
+TEST(TraceChannel, LastErrorPerThread) {
     std::string text;
     unsigned int first = 1, second = 1;
     EXPECT_FALSE(CErrorUtil::GetLast(text, &first, &second));

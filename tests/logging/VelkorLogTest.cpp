@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/ChildProcess.h"
@@ -58,11 +59,9 @@ std::string today() {
 class Log : public testing::Test {
   protected:
     void SetUp() override {
-        m_appDir = CTempDirectory::GetTempDirectoryCurrentUser() + "app";
         fs::create_directories(m_appDir);
-        ::setenv("TESSEL_APP_DIR", m_appDir.c_str(), 1);
-        m_logDir = CTempDirectory::GetTempDirectory() + "log/";
         fs::create_directories(m_logDir);
+        ::setenv("TESSEL_APP_DIR", m_appDir.c_str(), 1);
     }
 
     // Writes the configuration file whole: written aside and renamed, so that a watcher never
@@ -81,8 +80,8 @@ class Log : public testing::Test {
         ::utime((m_logDir + name).c_str(), &times);
     }
 
-    std::string m_appDir;
-    std::string m_logDir;
+    const std::string m_appDir = CTempDirectory::GetTempDirectoryCurrentUser() + "app";
+    const std::string m_logDir = CTempDirectory::GetTempDirectory() + "log/";
 };
 
 TEST_F(Log, DefaultsWithoutAConfigurationFile) {
@@ -154,11 +153,7 @@ TEST(LogConfiguration, LevelTextsMatchExactlyAndBadNumbersKeepTheDefault) {
 }
 
 TEST(LogConfiguration, CategoryPatterns) {
-    const struct {
-        const char* pattern;
-        const char* category;
-        bool active;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {
         {"Net*", "Network", true},
         {"Net*", "xNetwork", false},
         {"Net*", "Net", true},
@@ -172,10 +167,10 @@ TEST(LogConfiguration, CategoryPatterns) {
         {"CActiveObject::StopThread", "CActiveObject::StopThread", true},
         {"CActiveObject::StopThread", "CActiveObject::Stop", false},
     };
-    for (const auto& c : cases) {
+    for (const auto& [pattern, category, active] : cases) {
         VelkorLogConfiguration configuration;
-        configuration.addCategoryPattern(c.pattern);
-        EXPECT_EQ(configuration.isActive(c.category), c.active) << c.pattern << " " << c.category;
+        configuration.addCategoryPattern(pattern);
+        EXPECT_EQ(configuration.isActive(category), active) << pattern << " " << category;
     }
     EXPECT_TRUE(VelkorLogConfiguration().isActive("whatever"));
     VelkorLogConfiguration broken;
@@ -262,20 +257,20 @@ TEST_F(Log, HousekeepingKeepsTheNewestFilesAcrossDatesAndProcesses) {
 TEST(LogFileNames, ParseIndexAndProcessId) {
     VelkorLog::s_applicationName = "App";
     using Number = std::optional<std::uint64_t>;
-    const struct {
-        const char* name;
-        Number index, process;  // nullopt: none found
-    } cases[] = {
+    // The index and the process id found in a name, nullopt for none.
+    const std::tuple<const char*, Number, Number> cases[] = {
         {"App_2021-05-27.log", std::nullopt, 2021}, {"App_2021-05-27.3.log", 3, 2021},
         {"App_4711_2021-05-27.12.log", 12, 4711},   {"App_x.log", std::nullopt, std::nullopt},
         {"App_", std::nullopt, std::nullopt},       {"", std::nullopt, std::nullopt},
     };
-    for (const auto& c : cases) {
-        std::uint64_t index = 0, process = 0;
-        const bool hasIndex = VelkorLogTestAccess::parseFileIndex(c.name, index);
-        EXPECT_EQ(hasIndex ? Number(index) : std::nullopt, c.index) << c.name;
-        const bool hasProcess = VelkorLogTestAccess::parseProcessId(c.name, process);
-        EXPECT_EQ(hasProcess ? Number(process) : std::nullopt, c.process) << c.name;
+    for (const auto& [name, index, process] : cases) {
+        std::uint64_t found = 0;
+        EXPECT_EQ(VelkorLogTestAccess::parseFileIndex(name, found) ? Number(found) : std::nullopt,
+                  index)
+            << name;
+        EXPECT_EQ(VelkorLogTestAccess::parseProcessId(name, found) ? Number(found) : std::nullopt,
+                  process)
+            << name;
     }
     std::uint64_t index = 0;
     EXPECT_THROW(VelkorLogTestAccess::parseFileIndex("App_1.99999999999999999999.log", index),

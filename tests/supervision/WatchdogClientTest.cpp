@@ -6,19 +6,16 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/Eventually.h"
-#include "support/ScratchRegistry.h"
 #include "support/TestSupport.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
@@ -328,7 +325,6 @@ unsigned long neverStop(void*) {
 }
 
 TEST_F(WithFake, SlowForcedStopTellsTheWatchdogFirst) {
-    TesselTest::UseScratchRegistry();
     CWatchdogClient owner;
     ASSERT_EQ(owner.CreateWatchdog(0, 10, 60, 0), 1);
     CActiveObject stubborn("Stubborn", &neverStop, nullptr, 100);
