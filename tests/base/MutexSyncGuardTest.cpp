@@ -84,28 +84,20 @@ TEST(MutexSyncGuard, CountsNestedHoldsButNotTheInitialOwnership) {
     const std::string name = uniqueName("Count");
     CMutexSyncGuard guard;
     ASSERT_TRUE(guard.Create(true, name.c_str(), nullptr));
-    EXPECT_EQ(guard.GetLockCount(), 0u);
-    EXPECT_EQ(guard.GetOwningThread(), 0u);
     EXPECT_FALSE(otherThreadGets(guard)) << "owned by the creator";
-    const unsigned long self = GetCurrentThreadId();
-    const struct {
-        bool lock;
-        unsigned long count;
-        unsigned long owner;
-    } steps[] = {{true, 1, self},  {true, 2, self},  {true, 3, self},
-                 {false, 2, self}, {false, 1, self}, {true, 2, self},
-                 {false, 1, self}, {false, 0, 0},    {false, 0, 0}};
-    int i = 0;
-    for (const auto& step : steps) {
+    // Lock (LockWrite or TryLockRead) or Unlock, and the count after it; the owner is this
+    // thread while the count is not 0.
+    const std::string steps = "-LLLUULUUU";
+    const unsigned long counts[] = {0, 1, 2, 3, 2, 1, 2, 1, 0, 0};
+    for (std::size_t i = 0; i < steps.size(); ++i) {
         SCOPED_TRACE(i);
-        if (step.lock) {
+        if (steps[i] == 'L') {
             EXPECT_TRUE(i % 2 == 0 ? guard.LockWrite() : guard.TryLockRead());
-        } else {
+        } else if (steps[i] == 'U') {
             guard.UnlockWrite();
         }
-        EXPECT_EQ(guard.GetLockCount(), step.count);
-        EXPECT_EQ(guard.GetOwningThread(), step.owner);
-        ++i;
+        EXPECT_EQ(guard.GetLockCount(), counts[i]);
+        EXPECT_EQ(guard.GetOwningThread(), counts[i] != 0 ? GetCurrentThreadId() : 0);
     }
     EXPECT_FALSE(otherThreadGets(guard)) << "the initial ownership stays";
     ASSERT_TRUE(releaseUncountedHold(name));

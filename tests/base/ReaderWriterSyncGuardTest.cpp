@@ -8,7 +8,6 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "support/WaitProbe.h"
@@ -64,17 +63,13 @@ TEST(ReaderWriterSyncGuard, ReadersShareTheLockAndACountBelowZeroMeansNoReaders)
 TEST(ReaderWriterSyncGuard, WritersHavePriorityOverNewReaders) {
     CReaderWriterSyncGuard guard;
     ASSERT_TRUE(guard.LockRead());  // the reader inside
-
-    std::atomic<bool> writerIn{false};
-    std::atomic<bool> readerInWhileWriterIn{false};
-    std::atomic<bool> newReaderIn{false};
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> writerIn{false}, newReaderIn{false}, readerInWhileWriterIn{false};
+    std::atomic<bool> release{false};
     AsyncCall writer([&] {
         const bool locked = guard.LockWrite();
-        writerIn = true;
         readerInWhileWriterIn = newReaderIn.load();
-        released.wait();
+        writerIn = true;
+        eventually([&] { return release.load(); });
         guard.UnlockWrite();
         return DWORD{locked};
     });
@@ -90,15 +85,12 @@ TEST(ReaderWriterSyncGuard, WritersHavePriorityOverNewReaders) {
         return DWORD{locked};
     });
     ASSERT_TRUE(reader.blocked());
-    EXPECT_FALSE(reader.done());
-
     guard.UnlockRead();  // the reader inside leaves: the writer goes first
     ASSERT_TRUE(eventually([&] { return writerIn.load(); }));
     EXPECT_FALSE(readerInWhileWriterIn);
     EXPECT_FALSE(reader.done());
-    release.set_value();
-    ASSERT_TRUE(writer.finishes());
-    ASSERT_TRUE(reader.finishes());
+    release = true;
+    ASSERT_TRUE(writer.finishes() && reader.finishes());
     EXPECT_EQ(writer.result(), 1u);
     EXPECT_EQ(reader.result(), 1u);
 }
@@ -107,7 +99,7 @@ TEST(ReaderWriterSyncGuard, WritersSecondLockFailsAtOnceAndKeepsOtherWritersOut)
     const struct {
         const char* name;
         std::function<bool(CReaderWriterSyncGuard&)> writer;  // true: the second lock failed
-        bool othersRead;                                      // afterwards
+        bool othersRead;
     } cases[] = {
         {"LockWrite", [](CReaderWriterSyncGuard& g) { return g.LockWrite() && !g.LockWrite(); },
          false},
