@@ -14,11 +14,11 @@
 
 namespace PlatformTest {
 
-// The last error after a call that is to fail with a zero or null result; 0xFFFFFFFF when it
-// succeeded instead.
+// The last error after a call that is to fail, with the result failed (by default a zero or
+// null one); 0xFFFFFFFF when it returned something else.
 template <typename Result>
-Tessel::Platform::DWORD failureOf(const Result& result) {
-    return result ? 0xFFFFFFFFu : Tessel::Platform::GetLastError();
+Tessel::Platform::DWORD failureOf(const Result& result, const Result& failed = Result{}) {
+    return result == failed ? Tessel::Platform::GetLastError() : 0xFFFFFFFFu;
 }
 
 // A name of this test process's own: prefix, the process id and a count.

@@ -85,8 +85,6 @@ std::string traceOf(long id) {
 
 const char* const kParkedFunction = "TesselTest::ParkedThread::waitingInAKnownPlace()";
 
-// --- processors, CPU times, threads ---
-
 TEST(ProcessMetrics, ProcessorCountAndSystemTimesComeFromTheKernel) {
     EXPECT_EQ(GetNumberOfProcessors(), static_cast<DWORD>(::sysconf(_SC_NPROCESSORS_ONLN)));
     FILETIME idle, kernel, user;
@@ -105,40 +103,29 @@ TEST(ProcessMetrics, ProcessorCountAndSystemTimesComeFromTheKernel) {
     EXPECT_GT(FromFileTime(user), 0u);
 }
 
-// Kernel and user time of one of the time queries, in ticks of 100 ns.
-struct Times {
-    std::uint64_t kernel = 0;
-    std::uint64_t user = 0;
-    std::uint64_t total() const { return kernel + user; }
-};
-
-Times timesOf(BOOL (*query)(FILETIME*, FILETIME*)) {
+// Kernel plus user time of the calling thread, in ticks of 100 ns.
+std::uint64_t ownThreadTime() {
     FILETIME kernel, user;
-    EXPECT_TRUE(query(&kernel, &user));
-    return {FromFileTime(kernel), FromFileTime(user)};
-}
-
-BOOL ownThreadTimes(FILETIME* kernel, FILETIME* user) {
-    return GetThreadTimes(static_cast<std::uint64_t>(self()), kernel, user);
+    EXPECT_TRUE(GetThreadTimes(static_cast<std::uint64_t>(self()), &kernel, &user));
+    return FromFileTime(kernel) + FromFileTime(user);
 }
 
 TEST(ProcessMetrics, ProcessAndThreadTimesGrowWithWork) {
-    const Times process = timesOf(&GetProcessTimes);
-    const Times thread = timesOf(&ownThreadTimes);
-    Times processLater = process;
-    Times threadLater = thread;
-    for (volatile std::uint64_t sink = 0;
-         processLater.user == process.user || threadLater.total() == thread.total();) {
+    FILETIME kernel0, user0, kernel1, user1;
+    ASSERT_TRUE(GetProcessTimes(&kernel0, &user0));
+    const std::uint64_t thread0 = ownThreadTime();
+    std::uint64_t thread1 = thread0;
+    volatile std::uint64_t sink = 0;
+    do {
         for (int i = 0; i < 100000; ++i) {
             sink = sink + static_cast<std::uint64_t>(i);
         }
-        processLater = timesOf(&GetProcessTimes);
-        threadLater = timesOf(&ownThreadTimes);
-    }
-    EXPECT_GT(processLater.user, process.user);
-    EXPECT_GE(processLater.kernel, process.kernel);
-    // The thread's times have the resolution of the clock tick of /proc.
-    EXPECT_EQ(threadLater.total() % ticksPerClockTick(), 0u);
+        ASSERT_TRUE(GetProcessTimes(&kernel1, &user1));
+        thread1 = ownThreadTime();
+    } while (FromFileTime(user1) == FromFileTime(user0) || thread1 == thread0);
+    EXPECT_GT(FromFileTime(user1), FromFileTime(user0));
+    EXPECT_GE(FromFileTime(kernel1), FromFileTime(kernel0));
+    EXPECT_EQ(thread1 % ticksPerClockTick(), 0u);  // the resolution of /proc
 }
 
 TEST(ProcessMetrics, ThreadListFollowsThreadsThatStartAndEnd) {
@@ -160,8 +147,6 @@ TEST(ProcessMetrics, ThreadListFollowsThreadsThatStartAndEnd) {
     EXPECT_FALSE(GetThreadTimes(static_cast<std::uint64_t>(ended), &kernel, &user));
     EXPECT_FALSE(GetThreadTimes(0, &kernel, &user));
 }
-
-// --- memory ---
 
 TEST(ProcessMetrics, ProcessMemoryFollowsTheResidentAndCommittedMemory) {
     PROCESS_MEMORY_COUNTERS_EX before;
@@ -208,8 +193,6 @@ TEST(ProcessMetrics, MachineMemoryComesFromProcMeminfo) {
     EXPECT_EQ(status.ullAvailExtendedVirtual, 0u);
 }
 
-// --- disks, file systems ---
-
 TEST(ProcessMetrics, DiskSpaceIsThatOfStatvfsAndFileSystemIdsTellMountsApart) {
     std::uint64_t available = 0, total = 0, free = 0;
     ASSERT_TRUE(GetDiskFreeSpaceExA("/", &available, &total, &free));
@@ -230,42 +213,22 @@ TEST(ProcessMetrics, DiskSpaceIsThatOfStatvfsAndFileSystemIdsTellMountsApart) {
     EXPECT_FALSE(GetFileSystemId("/no/such/folder/here", &root));
 }
 
-// --- network interfaces ---
-
 TEST(ProcessMetrics, InterfaceTypesAndSpeedsInThePlatformsTerms) {
-    const struct {
-        long long deviceType;
-        bool wireless;
-        DWORD type;
-    } types[] = {
-        {1, false, IF_TYPE_ETHERNET_CSMACD},
-        {1, true, IF_TYPE_WIRELESS},
-        {772, false, IF_TYPE_SOFTWARE_LOOPBACK},
-        {512, false, IF_TYPE_PPP},
-        {776, false, IF_TYPE_OTHER},
-        {65534, false, IF_TYPE_OTHER},
-    };
-    for (const auto& c : types) {
-        EXPECT_EQ(InterfaceTypeOfDevice(c.deviceType, c.wireless), c.type)
-            << c.deviceType << " " << c.wireless;
-    }
+    EXPECT_EQ(InterfaceTypeOfDevice(1, false), IF_TYPE_ETHERNET_CSMACD);
+    EXPECT_EQ(InterfaceTypeOfDevice(1, true), IF_TYPE_WIRELESS);
+    EXPECT_EQ(InterfaceTypeOfDevice(772, false), IF_TYPE_SOFTWARE_LOOPBACK);
+    EXPECT_EQ(InterfaceTypeOfDevice(512, false), IF_TYPE_PPP);
+    EXPECT_EQ(InterfaceTypeOfDevice(776, false), IF_TYPE_OTHER);
+    EXPECT_EQ(InterfaceTypeOfDevice(65534, false), IF_TYPE_OTHER);
     // Bits per second in 32 bits.
-    const struct {
-        long long megabits;
-        DWORD speed;
-    } speeds[] = {
-        {-1, 0},
-        {0, 0},
-        {10, 10000000u},
-        {1000, 1000000000u},
-        {4294, 4294000000u},
-        {4295, 0xFFFFFFFFu},
-        {10000, 0xFFFFFFFFu},
-        {400000, 0xFFFFFFFFu},
-    };
-    for (const auto& c : speeds) {
-        EXPECT_EQ(InterfaceSpeedOfDevice(c.megabits), c.speed) << c.megabits;
-    }
+    EXPECT_EQ(InterfaceSpeedOfDevice(-1), 0u);
+    EXPECT_EQ(InterfaceSpeedOfDevice(0), 0u);
+    EXPECT_EQ(InterfaceSpeedOfDevice(10), 10000000u);
+    EXPECT_EQ(InterfaceSpeedOfDevice(1000), 1000000000u);
+    EXPECT_EQ(InterfaceSpeedOfDevice(4294), 4294000000u);
+    EXPECT_EQ(InterfaceSpeedOfDevice(4295), 0xFFFFFFFFu);
+    EXPECT_EQ(InterfaceSpeedOfDevice(10000), 0xFFFFFFFFu);
+    EXPECT_EQ(InterfaceSpeedOfDevice(400000), 0xFFFFFFFFu);
 }
 
 TEST(ProcessMetrics, LoopbackIsInTheTableAndCountsItsOctets) {
@@ -294,35 +257,30 @@ TEST(ProcessMetrics, LoopbackIsInTheTableAndCountsItsOctets) {
     EXPECT_FALSE(GetIfEntry(&unknown));
 }
 
-// --- executable version ---
+// The parts as "a.b.c.d", after parts started as 11.22.33.44, behind "failed " on failure.
+std::string versionOf(BOOL valid, const std::uint16_t (&parts)[4]) {
+    return std::string(valid ? "" : "failed ") + std::to_string(parts[0]) + "." +
+           std::to_string(parts[1]) + "." + std::to_string(parts[2]) + "." +
+           std::to_string(parts[3]);
+}
+
+std::string parse(const char* text) {
+    std::uint16_t parts[4] = {11, 22, 33, 44};
+    const BOOL valid = ParseFileVersion(text, parts);
+    return versionOf(valid, parts);
+}
 
 TEST(ExecutableVersion, ProgramReadsBackItsOwnVersionAndOnlyFourShortPartsParse) {
-    std::uint16_t own[4] = {};
-    ASSERT_TRUE(GetExecutableFileVersion(own));
-    EXPECT_EQ(std::vector<std::uint16_t>(own, own + 4),
-              (std::vector<std::uint16_t>{3, 14, 15, 9265}));
-    const struct {
-        const char* text;
-        std::uint16_t parts[4];
-    } valid[] = {
-        {"7.7.0.9062", {7, 7, 0, 9062}},
-        {"0.0.0.0", {0, 0, 0, 0}},
-        {"65535.65535.65535.65535", {65535, 65535, 65535, 65535}},
-    };
-    for (const auto& c : valid) {
-        std::uint16_t parts[4] = {};
-        EXPECT_TRUE(ParseFileVersion(c.text, parts)) << c.text;
-        EXPECT_TRUE(std::equal(parts, parts + 4, c.parts)) << c.text;
+    std::uint16_t own[4] = {11, 22, 33, 44};
+    const BOOL valid = GetExecutableFileVersion(own);
+    EXPECT_EQ(versionOf(valid, own), "3.14.15.9265");
+    for (const char* text : {"7.7.0.9062", "0.0.0.0", "65535.65535.65535.65535"}) {
+        EXPECT_EQ(parse(text), text);
     }
     for (const char* text : {"65536.0.0.0", "1.2.3", "1.2.3.4.5", "1..2.3", "1.2.3.4 ", " 1.2.3.4",
-                             "a.b.c.d", "1.2.3.-4", ""}) {
-        std::uint16_t parts[4] = {11, 22, 33, 44};
-        EXPECT_FALSE(ParseFileVersion(text, parts)) << text;
-        EXPECT_EQ(std::vector<std::uint16_t>(parts, parts + 4),
-                  (std::vector<std::uint16_t>{11, 22, 33, 44}))
-            << "unchanged by a failure: " << text;
+                             "a.b.c.d", "1.2.3.-4", "", static_cast<const char*>(nullptr)}) {
+        EXPECT_EQ(parse(text), "failed 11.22.33.44") << (text != nullptr ? text : "null");
     }
-    EXPECT_FALSE(ParseFileVersion(nullptr, own));
 }
 
 // --- stack traces ---

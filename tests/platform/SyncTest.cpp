@@ -1,0 +1,983 @@
+// Kernel objects and the waits for them: events of the process and of the machine, mutexes
+// unnamed and named across processes, the critical section, and the threads' message queues.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/PlatformTest.h"
+#include "support/ChildProcess.h"
+#include "support/WaitProbe.h"
+#include "tessel/base/Handle.h"
+#include "tessel/platform/Clock.h"
+#include "tessel/platform/CriticalSection.h"
+#include "tessel/platform/Event.h"
+#include "tessel/platform/Handle.h"
+#include "tessel/platform/MessageQueue.h"
+#include "tessel/platform/Mutex.h"
+#include "tessel/platform/SystemEvent.h"
+
+using namespace Tessel::Platform;
+using namespace TesselTest;
+using PlatformTest::failureOf;
+using Tessel::CHandle;
+
+namespace {
+
+CHandle autoEvent(bool set = false) {
+    return CHandle(CreateEventA(nullptr, FALSE, set ? TRUE : FALSE, nullptr));
+}
+
+CHandle manualEvent(bool set = false) {
+    return CHandle(CreateEventA(nullptr, TRUE, set ? TRUE : FALSE, nullptr));
+}
+
+// What body returns when run on a thread of its own.
+DWORD onAnotherThread(std::function<DWORD()> body) {
+    AsyncCall call(std::move(body));
+    EXPECT_TRUE(call.finishes());
+    return call.result();
+}
+
+long long elapsedMs(std::chrono::steady_clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                 since)
+        .count();
+}
+
+using Calls = std::vector<std::unique_ptr<AsyncCall>>;
+
+// Whether exactly expected calls have returned WAIT_OBJECT_0, and no more return for a while.
+bool exactlyReleased(const Calls& calls, int expected) {
+    auto released = [&] {
+        int count = 0;
+        for (const auto& call : calls) {
+            count += call->done() && call->result() == WAIT_OBJECT_0 ? 1 : 0;
+        }
+        return count;
+    };
+    if (!eventually([&] { return released() >= expected; })) {
+        return false;
+    }
+    std::this_thread::sleep_for(100ms);
+    return released() == expected;
+}
+
+// Applies S (Set), R (Reset) or P (Pulse) to event.
+BOOL apply(char operation, HANDLE event) {
+    switch (operation) {
+        case 'S':
+            return SetEvent(event);
+        case 'R':
+            return ResetEvent(event);
+        default:
+            return PulseEvent(event);
+    }
+}
+
+// --- events ---
+
+TEST(Event, SetResetAndPulseWithAndWithoutWaitingThreads) {
+    // W: a thread begins to wait (and sleeps); S Set, R Reset, P Pulse; =n: exactly n waiting
+    // threads have been released; 1 and 0: a zero-time test finds it signalled, or not.
+    const struct {
+        BOOL manualReset;
+        BOOL initialState;
+        const char* script;
+    } cases[] = {
+        {FALSE, FALSE, "0"},         {FALSE, TRUE, "10"},  // taking it resets it
+        {TRUE, FALSE, "0"},          {TRUE, TRUE, "11R0"},
+        {FALSE, FALSE, "SS10"},  // one signal
+        {FALSE, FALSE, "SR0"},       {TRUE, FALSE, "SRR0S1"},
+        {FALSE, TRUE, "P0"},         {FALSE, FALSE, "P0"},  // a pulse leaves it reset
+        {TRUE, TRUE, "P0"},          {TRUE, FALSE, "P0S1"},
+        {TRUE, FALSE, "WWWS=31"},    // all, and it stays set
+        {TRUE, FALSE, "WWWP=30"},    // all, and it is reset
+        {TRUE, FALSE, "WWWSR=30"},   // all, reset long before they run: they were waiting
+        {FALSE, FALSE, "WWWS=10"},   // one, which took the signal
+        {FALSE, FALSE, "WWWP=10"},   // one, and it is reset
+        {FALSE, FALSE, "WWWSS=20"},  // both Sets find threads waiting: neither is lost
+        {FALSE, FALSE, "WWWSSS=30"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "manual " << c.manualReset << " initial "
+                                        << c.initialState << " " << c.script);
+        CHandle event(CreateEventA(nullptr, c.manualReset, c.initialState, nullptr));
+        ASSERT_NE(event, nullptr);
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        Calls waiters;
+        for (const char* step = c.script; *step != '\0'; ++step) {
+            if (*step == 'W') {
+                waiters.push_back(std::make_unique<AsyncCall>(
+                    [handle = HANDLE{event}] { return WaitForSingleObject(handle, 10000); }));
+                EXPECT_TRUE(waiters.back()->blocked());
+            } else if (*step == '=') {
+                EXPECT_TRUE(exactlyReleased(waiters, *++step - '0'));
+            } else if (*step == '0' || *step == '1') {
+                EXPECT_EQ(WaitForSingleObject(event, 0),
+                          *step == '1' ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
+            } else {
+                EXPECT_TRUE(apply(*step, event));
+            }
+        }
+        for (std::size_t i = 0; i < waiters.size(); ++i) {
+            SetEvent(event);  // lets the others go
+        }
+        waiters.clear();
+        EXPECT_TRUE(CloseHandle(event.Detach()));
+    }
+}
+
+TEST(Event, ManyHandOversLoseNoWakeUp) {
+    // Two threads pass the turn back and forth through two automatic-reset events.
+    CHandle ping = autoEvent();
+    CHandle pong = autoEvent();
+    constexpr int kRounds = 2000;
+    AsyncCall partner([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            if (WaitForSingleObject(ping, 5000) != WAIT_OBJECT_0) {
+                return DWORD{1};
+            }
+            SetEvent(pong);
+        }
+        return DWORD{0};
+    });
+    for (int i = 0; i < kRounds; ++i) {
+        SetEvent(ping);
+        ASSERT_EQ(WaitForSingleObject(pong, 5000), WAIT_OBJECT_0) << "round " << i;
+    }
+    ASSERT_TRUE(partner.finishes());
+    EXPECT_EQ(partner.result(), 0u);
+}
+
+TEST(Event, NamedEventIsSharedUntilItsLastHandleCloses) {
+    const std::string name = "Global\\TesselTest." + std::to_string(GetCurrentProcessId());
+    HANDLE first = CreateEventA(nullptr, TRUE, FALSE, name.c_str());
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    HANDLE second = CreateEventA(nullptr, FALSE, TRUE, name.c_str());  // settings ignored
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    // Without its "Global\" prefix the name is the same.
+    HANDLE opened = OpenEventA(SYNCHRONIZE, FALSE, name.substr(7).c_str());
+    ASSERT_NE(opened, nullptr);
+    EXPECT_NE(first, second);
+
+    SetEvent(first);
+    EXPECT_TRUE(CloseHandle(first));
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(opened, 0), WAIT_OBJECT_0);  // manual reset, as created
+    EXPECT_TRUE(CloseHandle(second));
+    EXPECT_TRUE(CloseHandle(opened));
+
+    EXPECT_EQ(failureOf(OpenEventA(SYNCHRONIZE, FALSE, name.c_str())), ERROR_FILE_NOT_FOUND);
+    CHandle fresh(CreateEventA(nullptr, FALSE, FALSE, name.c_str()));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(fresh, 0), WAIT_TIMEOUT);
+}
+
+// --- waits ---
+
+std::atomic<int> g_signals{0};
+
+void countSignal(int) {
+    ++g_signals;
+}
+
+TEST(Wait, TimeoutsExpireInFullEvenUnderSignalsAndInfiniteWaitsEndWhenSignalled) {
+    struct sigaction action {};
+    action.sa_handler = &countSignal;  // no SA_RESTART: the waits see EINTR
+    struct sigaction previous {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
+    CHandle event = autoEvent();
+    CHandle mutex(CreateMutexA(nullptr, TRUE, nullptr));  // held by this thread throughout
+    const HANDLE both[] = {event, mutex};
+    const struct {
+        const char* what;
+        DWORD (*wait)(const HANDLE* objects, DWORD timeout);
+    } cases[] = {
+        {"event", [](const HANDLE* o, DWORD t) { return WaitForSingleObject(o[0], t); }},
+        {"mutex", [](const HANDLE* o, DWORD t) { return WaitForSingleObject(o[1], t); }},
+        {"any", [](const HANDLE* o, DWORD t) { return WaitForMultipleObjects(2, o, FALSE, t); }},
+        {"all", [](const HANDLE* o, DWORD t) { return WaitForMultipleObjects(2, o, TRUE, t); }},
+    };
+    for (const auto& c : cases) {
+        for (DWORD timeout : {0u, 30u, 200u}) {
+            SCOPED_TRACE(testing::Message() << c.what << " " << timeout << " ms");
+            std::atomic<pthread_t> waiter{};
+            const auto start = std::chrono::steady_clock::now();
+            AsyncCall call([&] {
+                waiter = ::pthread_self();
+                return c.wait(both, timeout);
+            });
+            ASSERT_TRUE(eventually([&] { return waiter.load() != pthread_t{}; }));
+            while (!call.done()) {
+                ::pthread_kill(waiter.load(), SIGUSR1);
+                std::this_thread::sleep_for(5ms);
+            }
+            EXPECT_EQ(call.result(), WAIT_TIMEOUT);
+            EXPECT_GE(elapsedMs(start), static_cast<long long>(timeout));
+        }
+    }
+    EXPECT_GT(g_signals.load(), 0);
+    ::sigaction(SIGUSR1, &previous, nullptr);
+    ReleaseMutex(mutex);
+
+    AsyncCall call([&] { return WaitForSingleObject(event, INFINITE); });
+    ASSERT_TRUE(call.blocked());
+    EXPECT_FALSE(call.done());
+    SetEvent(event);
+    ASSERT_TRUE(call.finishes());
+    EXPECT_EQ(call.result(), WAIT_OBJECT_0);
+}
+
+TEST(Wait, BadHandlesArgumentsAndNamesFail) {
+    HANDLE event = CreateEventA(nullptr, FALSE, TRUE, nullptr);
+    CHandle mutex(CreateMutexA(nullptr, FALSE, nullptr));
+    for (HANDLE handle : {HANDLE{nullptr}, HANDLE{mutex}}) {
+        for (auto operation : {&SetEvent, &ResetEvent, &PulseEvent}) {
+            SetLastError(0);
+            EXPECT_EQ(failureOf(operation(handle)), ERROR_INVALID_HANDLE);
+        }
+    }
+    EXPECT_EQ(failureOf(OpenEventA(SYNCHRONIZE, FALSE, nullptr)), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(CreateEventA(nullptr, FALSE, FALSE, std::string(300, 'x').c_str())),
+              ERROR_FILENAME_EXCED_RANGE);
+    const std::string tooLong(108, 'n');
+    EXPECT_EQ(failureOf(CreateSystemEvent(nullptr)), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(CreateSystemEvent("")), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(failureOf(CreateSystemEvent(tooLong.c_str())), ERROR_FILENAME_EXCED_RANGE);
+    EXPECT_EQ(failureOf(SetSystemEvent(tooLong.c_str())), ERROR_FILENAME_EXCED_RANGE);
+    CHandle longest(CreateSystemEvent(tooLong.substr(1).c_str()));
+    EXPECT_NE(longest, nullptr);
+
+    const HANDLE withNull[] = {event, nullptr};
+    HANDLE many[MAXIMUM_WAIT_OBJECTS + 1];
+    std::fill(std::begin(many), std::end(many), event);
+    auto waitFailure = [](DWORD count, const HANDLE* handles, BOOL waitAll) {
+        SetLastError(0);
+        return failureOf(WaitForMultipleObjects(count, handles, waitAll, 0), WAIT_FAILED);
+    };
+    EXPECT_EQ(waitFailure(2, withNull, FALSE), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(waitFailure(0, many, FALSE), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(waitFailure(MAXIMUM_WAIT_OBJECTS + 1, many, FALSE), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(waitFailure(1, nullptr, FALSE), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(waitFailure(2, many, TRUE), ERROR_INVALID_PARAMETER);  // one object, twice
+    EXPECT_EQ(failureOf(WaitForSingleObject(nullptr, 0), WAIT_FAILED), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(WaitForSingleObject(reinterpret_cast<HANDLE>(std::intptr_t{-1}), 0), WAIT_FAILED);
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);  // none of the above took it
+    EXPECT_TRUE(CloseHandle(event));
+    EXPECT_EQ(failureOf(CloseHandle(event)), ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(CloseHandle(nullptr));
+}
+
+TEST(Wait, ZeroTimeWaitsOnSeveralEvents) {
+    // The automatic-reset events set before, the result, and those still set afterwards.
+    const struct {
+        const char* before;
+        BOOL waitAll;
+        DWORD result;
+        const char* after;
+    } cases[] = {
+        {"011", FALSE, WAIT_OBJECT_0 + 1, "001"},  // the lowest index, and only it, is taken
+        {"100", FALSE, WAIT_OBJECT_0, "000"},     {"000", FALSE, WAIT_TIMEOUT, "000"},
+        {"110", TRUE, WAIT_TIMEOUT, "110"},  // nothing is taken unless all are there
+        {"111", TRUE, WAIT_OBJECT_0, "000"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.before << " all " << c.waitAll);
+        CHandle owners[3] = {autoEvent(c.before[0] == '1'), autoEvent(c.before[1] == '1'),
+                             autoEvent(c.before[2] == '1')};
+        const HANDLE events[] = {owners[0], owners[1], owners[2]};
+        EXPECT_EQ(WaitForMultipleObjects(3, events, c.waitAll, 0), c.result);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(WaitForSingleObject(events[i], 0),
+                      c.after[i] == '1' ? WAIT_OBJECT_0 : WAIT_TIMEOUT)
+                << "event " << i;
+        }
+    }
+}
+
+TEST(Wait, AnyGivesBackTheSignalsItDidNotUse) {
+    // Both Sets may be handed to the one waiting thread before it looks; it takes one, and
+    // the other event must stay signalled.
+    CHandle first = autoEvent();
+    CHandle second = autoEvent();
+    const HANDLE events[] = {first, second};
+    AsyncCall call([&] { return WaitForMultipleObjects(2, events, FALSE, 5000); });
+    ASSERT_TRUE(call.blocked());
+    SetEvent(events[1]);
+    SetEvent(events[0]);
+    ASSERT_TRUE(call.finishes());
+    ASSERT_LE(call.result(), WAIT_OBJECT_0 + 1);
+    const DWORD other = 1 - call.result();
+    EXPECT_EQ(WaitForSingleObject(events[other], 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(events[1 - other], 0), WAIT_TIMEOUT);
+}
+
+TEST(Wait, PulseUnusedByItsFirstWaiterReachesTheNextOne) {
+    CHandle manual = manualEvent();
+    CHandle pulsed = autoEvent();
+    const HANDLE both[] = {manual, pulsed};
+    AsyncCall first([&] { return WaitForMultipleObjects(2, both, FALSE, 5000); });
+    ASSERT_TRUE(first.blocked());
+    AsyncCall second([&] { return WaitForSingleObject(pulsed, 5000); });
+    ASSERT_TRUE(second.blocked());
+    SetEvent(manual);    // releases the first waiter at index 0 ...
+    PulseEvent(pulsed);  // ... so the pulse must end up with the second
+    ASSERT_TRUE(first.finishes());
+    ASSERT_TRUE(second.finishes());
+    EXPECT_EQ(first.result(), WAIT_OBJECT_0);
+    EXPECT_EQ(second.result(), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(pulsed, 0), WAIT_TIMEOUT);
+}
+
+TEST(Wait, AllWaitsForTheLastObjectAndThenTakesThemTogether) {
+    CHandle first = autoEvent();
+    CHandle manual = manualEvent();
+    CHandle mutex(CreateMutexA(nullptr, TRUE, nullptr));
+    const HANDLE objects[] = {first, manual, mutex};
+    AsyncCall call([&] {
+        const DWORD result = WaitForMultipleObjects(3, objects, TRUE, 5000);
+        if (result == WAIT_OBJECT_0) {
+            ReleaseMutex(objects[2]);
+        }
+        return result;
+    });
+    ASSERT_TRUE(call.blocked());
+    SetEvent(first);
+    SetEvent(manual);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(call.done());                                // the mutex is still held here
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);  // and nothing was taken
+    SetEvent(first);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    ASSERT_TRUE(call.finishes());
+    EXPECT_EQ(call.result(), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_OBJECT_0);
+}
+
+// Processor time used by the calling thread, in milliseconds.
+DWORD threadCpuMs() {
+    rusage usage{};
+    ::getrusage(RUSAGE_THREAD, &usage);
+    return static_cast<DWORD>((usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000 +
+                              (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1000);
+}
+
+TEST(Wait, WaitingThreadsDoNotSpin) {
+    CHandle manualSet = manualEvent(true);
+    CHandle unset = autoEvent();
+    CHandle autoSet = autoEvent(true);
+    CHandle mutex(CreateMutexA(nullptr, TRUE, nullptr));  // held here throughout
+    // Waits for all that find some objects there and others not; the second pair take the
+    // event and give it back on each try, and must not keep waking each other.
+    auto waits = [&] {
+        const DWORD before = threadCpuMs();
+        const HANDLE partly[] = {manualSet, unset};
+        const HANDLE blocked[] = {autoSet, mutex};
+        WaitForMultipleObjects(2, partly, TRUE, 300);
+        WaitForMultipleObjects(2, blocked, TRUE, 600);
+        WaitForSingleObject(unset, 300);
+        return threadCpuMs() - before;
+    };
+    AsyncCall first(waits);
+    AsyncCall second(waits);
+    ASSERT_TRUE(first.finishes());
+    ASSERT_TRUE(second.finishes());
+    EXPECT_LT(first.result(), 300u);  // of 1200 ms of waiting each
+    EXPECT_LT(second.result(), 300u);
+    EXPECT_EQ(WaitForSingleObject(autoSet, 0), WAIT_OBJECT_0);  // given back every time
+    ReleaseMutex(mutex);
+}
+
+// --- system events ---
+
+std::string uniqueName() {
+    return PlatformTest::uniqueName("Global\\tessel-test-event");
+}
+
+TEST(SystemEvent, SetByNameReleasesOneWaitOfAnyHandleAndResetsItself) {
+    const std::string name = uniqueName();
+    HANDLE first = CreateSystemEvent(name.c_str());
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    HANDLE second = CreateSystemEvent(name.c_str());
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+    // Two Sets before a wait set the event once.
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(WaitForSingleObject(first, INFINITE), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_TIMEOUT);
+
+    // The name lives until its last handle is closed.
+    EXPECT_EQ(CloseHandle(first), TRUE);
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(CloseHandle(second), TRUE);
+    EXPECT_EQ(failureOf(SetSystemEvent(name.c_str())), ERROR_FILE_NOT_FOUND);
+}
+
+TEST(SystemEvent, WakesAThreadThatWaitsAlsoAmongOtherObjects) {
+    const std::string name = uniqueName();
+    CHandle event(CreateSystemEvent(name.c_str()));
+    ASSERT_NE(event, nullptr);
+    AsyncCall single([&] { return WaitForSingleObject(event, INFINITE); });
+    ASSERT_TRUE(single.blocked());
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    ASSERT_TRUE(single.finishes());
+    EXPECT_EQ(single.result(), WAIT_OBJECT_0);
+
+    CHandle other = autoEvent();
+    const HANDLE both[2] = {other, event};
+    AsyncCall any([&] { return WaitForMultipleObjects(2, both, FALSE, INFINITE); });
+    ASSERT_TRUE(any.blocked());
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    ASSERT_TRUE(any.finishes());
+    EXPECT_EQ(any.result(), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(SetEvent(other), TRUE);
+    EXPECT_EQ(WaitForMultipleObjects(2, both, TRUE, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
+}
+
+TEST(SystemEvent, NameHeldElsewhereGivesAHandleThatNeverSignals) {
+    // A socket bound to the name outside the event table stands for another process.
+    const std::string name = uniqueName();
+    const std::string key = name.substr(std::strlen("Global\\"));
+    const int holder = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(holder, 0);
+    ASSERT_EQ(PlatformTest::bindAbstract(holder, key), 0);
+    HANDLE event = CreateSystemEvent(name.c_str());
+    ASSERT_NE(event, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
+    char byte = 0;
+    EXPECT_EQ(::recv(holder, &byte, 1, MSG_DONTWAIT), 1);  // the holder got the Set
+    EXPECT_EQ(CloseHandle(event), TRUE);
+    ::close(holder);
+}
+
+// --- mutexes ---
+
+// A name of the test's own, without the "Global\" prefix: the form in which it names the
+// shared-memory segment.
+std::string uniqueKey() {
+    return PlatformTest::uniqueName("TesselTest.mutex");
+}
+
+bool segmentExists(const std::string& key) {
+    return ::access(("/dev/shm/tessel.mutex." + key).c_str(), F_OK) == 0;
+}
+
+// Whether the single thread of process pid sleeps in the kernel, as a wait for a held mutex.
+bool sleepsOnAMutex(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/syscall");
+    long number = -1;
+    return file >> number && number == SYS_futex;
+}
+
+TEST(Mutex, OwnerMayAcquireAgainAndMustReleaseEachTime) {
+    HANDLE mutex = CreateMutexA(nullptr, TRUE, nullptr);
+    ASSERT_NE(mutex, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
+    // Another thread: a release that it may not make, and a zero-time test.
+    auto probe = [&] {
+        return onAnotherThread([&] {
+            if (failureOf(ReleaseMutex(mutex)) != ERROR_NOT_OWNER) {
+                return DWORD{0xBAD};
+            }
+            const DWORD result = WaitForSingleObject(mutex, 0);
+            ReleaseMutex(mutex);
+            return result;
+        });
+    };
+    for (int held = 3; held > 0; --held) {
+        EXPECT_EQ(probe(), WAIT_TIMEOUT) << held << " acquisitions outstanding";
+        EXPECT_TRUE(ReleaseMutex(mutex));
+    }
+    EXPECT_EQ(probe(), WAIT_OBJECT_0);
+    EXPECT_EQ(failureOf(ReleaseMutex(mutex)), ERROR_NOT_OWNER);
+    CloseHandle(mutex);
+}
+
+TEST(Mutex, ThreadThatEndsOwningItAbandonsIt) {
+    HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
+    HANDLE held = CreateMutexA(nullptr, TRUE, nullptr);
+    EXPECT_EQ(onAnotherThread([&] { return WaitForSingleObject(mutex, 0); }), WAIT_OBJECT_0);
+    // A wait for all that cannot complete (the second mutex is held here) takes the first
+    // and gives it back; the abandonment is still reported to the next owner.
+    const HANDLE objects[] = {mutex, held};
+    EXPECT_EQ(onAnotherThread([&] { return WaitForMultipleObjects(2, objects, TRUE, 0); }),
+              WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(mutex, 1000), WAIT_ABANDONED);
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);  // owned, count 2
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(onAnotherThread([&] {
+                  const DWORD result = WaitForSingleObject(mutex, 1000);
+                  ReleaseMutex(mutex);
+                  return result;
+              }),
+              WAIT_OBJECT_0);
+    ReleaseMutex(held);
+    CloseHandle(mutex);
+    CloseHandle(held);
+}
+
+TEST(Mutex, NamedMutexExistsWhileAHandleIsOpen) {
+    const std::string key = uniqueKey();
+    const std::string name = "Global\\" + key;
+    HANDLE first = CreateMutexA(nullptr, FALSE, name.c_str());
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_TRUE(segmentExists(key));
+    HANDLE second = CreateMutexA(nullptr, TRUE, key.c_str());  // the same name
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(failureOf(ReleaseMutex(second)), ERROR_NOT_OWNER);  // opened, not taken
+    HANDLE opened = OpenMutexA(SYNCHRONIZE, FALSE, name.c_str());
+    ASSERT_NE(opened, nullptr);
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(onAnotherThread([&] { return WaitForSingleObject(opened, 0); }), WAIT_TIMEOUT);
+    EXPECT_TRUE(ReleaseMutex(second));  // any handle of the object
+
+    CloseHandle(first);
+    CloseHandle(second);
+    EXPECT_TRUE(segmentExists(key));
+    CloseHandle(opened);
+    EXPECT_FALSE(segmentExists(key));
+    EXPECT_EQ(failureOf(OpenMutexA(SYNCHRONIZE, FALSE, name.c_str())), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(failureOf(CreateMutexA(nullptr, FALSE, std::string(250, 'x').c_str())),
+              ERROR_FILENAME_EXCED_RANGE);
+
+    // Separators and '%' are escaped, so that distinct names stay distinct.
+    HANDLE odd = CreateMutexA(nullptr, FALSE, ("Local\\" + key + "a/b\\c%d").c_str());
+    EXPECT_TRUE(segmentExists(key + "a%2Fb%5Cc%25d"));
+    HANDLE plain = CreateMutexA(nullptr, FALSE, (key + "a_b_c_d").c_str());
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    CloseHandle(odd);
+    CloseHandle(plain);
+
+    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    for (HANDLE handle : {HANDLE{nullptr}, event}) {
+        EXPECT_EQ(failureOf(ReleaseMutex(handle)), ERROR_INVALID_HANDLE);
+    }
+    CloseHandle(event);
+}
+
+TEST(Mutex, AnotherProcessOpensItByNameAndItsDeathAbandonsIt) {
+    const std::string name = "Global\\" + uniqueKey();
+    HANDLE mutex = CreateMutexA(nullptr, TRUE, name.c_str());
+    ASSERT_NE(mutex, nullptr);
+    // The child finds it by its name, waits while it is held here, and ends holding it twice.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        HANDLE opened = OpenMutexA(SYNCHRONIZE, FALSE, name.c_str());
+        ::_exit(opened == nullptr                                    ? 1
+                : WaitForSingleObject(opened, 0) != WAIT_TIMEOUT     ? 2
+                : WaitForSingleObject(opened, 5000) != WAIT_OBJECT_0 ? 3
+                : WaitForSingleObject(opened, 0) != WAIT_OBJECT_0    ? 4
+                                                                     : 0);
+    }
+    ASSERT_GT(child, 0);
+    EXPECT_TRUE(eventually([&] { return sleepsOnAMutex(child); }));
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(WaitForChild(child, 10000ms), 0);
+
+    EXPECT_EQ(WaitForSingleObject(mutex, 5000), WAIT_ABANDONED);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_FALSE(ReleaseMutex(mutex));
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    CloseHandle(mutex);
+}
+
+TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
+    const std::string key = uniqueKey();
+    constexpr int kChildren = 4;
+    // Shared with the children: the start, and how many of them have created the mutex.
+    int* shared = static_cast<int*>(::mmap(nullptr, 2 * sizeof(int), PROT_READ | PROT_WRITE,
+                                           MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(shared, MAP_FAILED);
+    std::atomic_ref<int> start(shared[0]);
+    std::atomic_ref<int> created(shared[1]);
+    std::vector<pid_t> children;
+    for (int i = 0; i < kChildren; ++i) {
+        children.push_back(::fork());
+        if (children.back() == 0) {
+            eventually([&] { return start.load() == 1; }, 10000ms, 0ms);
+            HANDLE mutex = CreateMutexA(nullptr, FALSE, key.c_str());
+            const DWORD error = GetLastError();
+            ++created;
+            // Keeps it open until every child has created.
+            eventually([&] { return created.load() == kChildren; });
+            ::_exit(mutex == nullptr || !CloseHandle(mutex) ? 9
+                    : error == ERROR_SUCCESS                ? 0
+                    : error == ERROR_ALREADY_EXISTS         ? 1
+                                                            : 2);
+        }
+    }
+    start = 1;
+    std::vector<int> statuses;
+    for (pid_t child : children) {
+        statuses.push_back(WaitForChild(child, 10000ms));
+    }
+    EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 0), 1);
+    EXPECT_EQ(std::count(statuses.begin(), statuses.end(), 1), kChildren - 1);
+    EXPECT_FALSE(segmentExists(key));  // the last one removed the name
+    ::munmap(shared, 2 * sizeof(int));
+}
+
+TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
+    const std::string key = uniqueKey();
+    // A process that dies holding the only handle (and the mutex) leaves its segment behind.
+    ASSERT_EQ(RunInChild([&] {
+                  HANDLE mutex = CreateMutexA(nullptr, TRUE, key.c_str());
+                  return mutex != nullptr && GetLastError() == ERROR_SUCCESS ? 0 : 1;
+              }),
+              0);
+    EXPECT_TRUE(segmentExists(key));
+    EXPECT_EQ(failureOf(OpenMutexA(SYNCHRONIZE, FALSE, key.c_str())), ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(segmentExists(key));
+
+    // A creator that died before it sized its segment.
+    const int fd = ::shm_open(("/tessel.mutex." + key).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    HANDLE mutex = CreateMutexA(nullptr, FALSE, key.c_str());
+    ASSERT_NE(mutex, nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);  // a new mutex, not abandoned
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    CloseHandle(mutex);
+    EXPECT_FALSE(segmentExists(key));
+}
+
+TEST(CriticalSection, OwnerEntersAgainAndOthersWaitForTheLastLeaveWhateverTheSpinCount) {
+    for (DWORD spinCount : {0u, 4000u, 0x80000FA0u}) {  // the high flag bit is ignored
+        SCOPED_TRACE(spinCount);
+        CRITICAL_SECTION section;
+        ASSERT_TRUE(spinCount == 4000u
+                        ? InitializeCriticalSectionEx(&section, spinCount, 0)
+                        : InitializeCriticalSectionAndSpinCount(&section, spinCount));
+        auto tryElsewhere = [&] {
+            return onAnotherThread([&] {
+                const BOOL entered = TryEnterCriticalSection(&section);
+                if (entered) {
+                    LeaveCriticalSection(&section);
+                }
+                return static_cast<DWORD>(entered);
+            });
+        };
+        EnterCriticalSection(&section);
+        EXPECT_TRUE(TryEnterCriticalSection(&section));
+        EnterCriticalSection(&section);
+        for (int held = 3; held > 0; --held) {
+            EXPECT_EQ(tryElsewhere(), 0u) << held << " entries outstanding";
+            if (held > 1) {
+                LeaveCriticalSection(&section);
+            }
+        }
+        AsyncCall enter([&] {
+            EnterCriticalSection(&section);
+            LeaveCriticalSection(&section);
+            return DWORD{0};
+        });
+        ASSERT_TRUE(enter.blocked(SYS_futex));  // spun, then went to sleep
+        EXPECT_FALSE(enter.done());
+        LeaveCriticalSection(&section);
+        EXPECT_TRUE(enter.finishes());
+        EXPECT_NE(tryElsewhere(), 0u);
+
+        long counter = 0;  // guarded by section only
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&] {
+                for (int i = 0; i < 20000; ++i) {
+                    EnterCriticalSection(&section);
+                    counter = counter + 1;
+                    LeaveCriticalSection(&section);
+                }
+            });
+        }
+        for (auto& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(counter, 4 * 20000);
+        DeleteCriticalSection(&section);
+    }
+}
+
+// --- message queues ---
+
+// Makes the calling thread's queue.
+void makeQueue() {
+    MSG message;
+    PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE);
+}
+
+bool post(UINT message, WPARAM wParam = 0, LPARAM lParam = 0) {
+    return PostThreadMessageA(GetCurrentThreadId(), message, wParam, lParam) != FALSE;
+}
+
+// The numbers of the messages that pass the filter, taken out of the queue.
+std::vector<UINT> takeAll(HWND window = nullptr, UINT minMessage = 0, UINT maxMessage = 0) {
+    std::vector<UINT> numbers;
+    MSG message;
+    while (PeekMessageA(&message, window, minMessage, maxMessage, PM_REMOVE) != FALSE) {
+        numbers.push_back(message.message);
+    }
+    return numbers;
+}
+
+std::atomic<int> g_calls{0};
+std::atomic<LPARAM> g_lastArgument{0};
+
+void countCall(LPARAM argument) {
+    g_calls.fetch_add(1);
+    g_lastArgument.store(argument);
+}
+
+TEST(MessageQueue, PostingNeedsTheQueueOfALiveThread) {
+    DWORD tid = 0;
+    DWORD withoutQueue = 0;
+    BOOL withQueue = FALSE;
+    std::thread([&] {
+        tid = GetCurrentThreadId();
+        withoutQueue = failureOf(PostThreadMessageA(tid, WM_USER, 0, 0));
+        makeQueue();
+        withQueue = PostThreadMessageA(tid, WM_USER, 0, 0);
+    }).join();
+    EXPECT_EQ(withoutQueue, ERROR_INVALID_THREAD_ID);
+    EXPECT_TRUE(withQueue);
+    for (const DWORD gone : {tid, 0x7FFFFFF0u}) {  // a thread that has ended, or none
+        SetLastError(0);
+        EXPECT_EQ(failureOf(PostThreadMessageA(gone, WM_USER, 0, 0)), ERROR_INVALID_THREAD_ID);
+    }
+}
+
+TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
+    makeQueue();
+    const DWORD before = GetTickCount();
+    ASSERT_TRUE(post(WM_USER + 1, 11, -11));
+    ASSERT_TRUE(post(WM_USER + 2, 22, -22));
+    const DWORD after = GetTickCount();
+
+    MSG message{};
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE));
+    EXPECT_EQ(message.message, WM_USER + 1);
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE | PM_NOYIELD));
+    EXPECT_EQ(message.message, WM_USER + 1) << "PM_NOREMOVE leaves the message in the queue";
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.hwnd, nullptr);
+    EXPECT_EQ(message.message, WM_USER + 1);
+    EXPECT_EQ(message.wParam, 11u);
+    EXPECT_EQ(message.lParam, -11);
+    EXPECT_LE(message.time - before, after - before);
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE | PM_NOYIELD));
+    EXPECT_EQ(message.message, WM_USER + 2);
+    EXPECT_EQ(message.wParam, 22u);
+    EXPECT_EQ(message.lParam, -22);
+    EXPECT_FALSE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+
+    SetLastError(0);
+    EXPECT_EQ(failureOf(PeekMessageA(nullptr, nullptr, 0, 0, PM_REMOVE)), ERROR_INVALID_PARAMETER);
+}
+
+TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
+    const HWND threadMessages = reinterpret_cast<HWND>(static_cast<std::intptr_t>(-1));
+    const HWND someWindow = reinterpret_cast<HWND>(static_cast<std::intptr_t>(0x1000));
+    const std::vector<UINT> all{WM_USER, WM_USER + 1, WM_APP, WM_QUIT};
+    const struct {
+        HWND window;
+        UINT minMessage;
+        UINT maxMessage;
+        std::vector<UINT> taken;
+        std::vector<UINT> left;
+    } cases[] = {
+        {nullptr, 0, 0, all, {}},
+        {threadMessages, 0, 0, all, {}},
+        {someWindow, 0, 0, {}, all},  // a window has none
+        {nullptr, WM_USER + 1, WM_APP, {WM_USER + 1, WM_APP}, {WM_USER, WM_QUIT}},
+        {nullptr, WM_QUIT, WM_QUIT, {WM_QUIT}, {WM_USER, WM_USER + 1, WM_APP}},
+        {nullptr, 1, 2, {}, all},
+    };
+    makeQueue();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.window << " " << c.minMessage << "-" << c.maxMessage);
+        for (const UINT number : all) {
+            ASSERT_TRUE(post(number));
+        }
+        EXPECT_EQ(takeAll(c.window, c.minMessage, c.maxMessage), c.taken);
+        EXPECT_EQ(takeAll(), c.left) << "the rest stays, in its order";
+    }
+}
+
+TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
+    makeQueue();
+    ASSERT_TRUE(PostThreadCallback(GetCurrentThreadId(), &countCall, 42));
+    ASSERT_TRUE(post(WM_USER, 1, 2));
+    MSG message;
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.message, WM_TESSEL_CALLBACK);
+    EXPECT_EQ(TranslateMessage(&message), FALSE);
+    EXPECT_EQ(g_calls, 0) << "nothing runs before the dispatch";
+    EXPECT_EQ(DispatchMessageA(&message), 0);
+    EXPECT_EQ(g_calls, 1);
+    EXPECT_EQ(g_lastArgument, 42);
+
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(DispatchMessageA(&message), 0);
+    EXPECT_EQ(DispatchMessageA(nullptr), 0);
+    MSG empty{nullptr, WM_TESSEL_CALLBACK, 0, 0, 0};
+    EXPECT_EQ(DispatchMessageA(&empty), 0);
+    EXPECT_EQ(g_calls, 1);
+
+    SetLastError(0);
+    EXPECT_EQ(failureOf(PostThreadCallback(GetCurrentThreadId(), nullptr, 0)),
+              ERROR_INVALID_PARAMETER);
+}
+
+TEST(MessageQueue, WaitEndsForAMessagePostedByAnotherThread) {
+    CHandle event = manualEvent();
+    const HANDLE objects[] = {event};
+    std::atomic<DWORD> waiter{0};
+    AsyncCall call([&] {
+        makeQueue();
+        waiter = GetCurrentThreadId();
+        return MsgWaitForMultipleObjects(1, objects, FALSE, INFINITE, QS_ALLINPUT);
+    });
+    ASSERT_TRUE(call.blocked(SYS_ppoll));
+    EXPECT_FALSE(call.done());
+    ASSERT_TRUE(PostThreadMessageA(waiter, WM_USER, 0, 0));
+    ASSERT_TRUE(call.finishes());
+    EXPECT_EQ(call.result(), WAIT_OBJECT_0 + 1);
+}
+
+TEST(MessageQueue, WaitResultsForObjectsTimeOutAndCountZero) {
+    CHandle unsignalled = manualEvent();
+    CHandle signalled = manualEvent();
+    SetEvent(signalled);
+    const HANDLE both[] = {unsignalled, signalled};
+    makeQueue();
+    EXPECT_EQ(MsgWaitForMultipleObjects(2, both, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(MsgWaitForMultipleObjects(0, nullptr, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+
+    // A signalled object takes precedence over a message.
+    ASSERT_TRUE(post(WM_USER));
+    EXPECT_EQ(MsgWaitForMultipleObjects(2, both, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(MsgWaitForMultipleObjects(0, nullptr, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 0, QS_POSTMESSAGE), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_KEY | QS_TIMER), WAIT_TIMEOUT)
+        << "a wake mask without posted messages ignores them";
+}
+
+TEST(MessageQueue, WaitEndsOnlyForMessagesThatTheThreadHasNotLookedAt) {
+    CHandle event = manualEvent();
+    const HANDLE objects[] = {event};
+    makeQueue();
+    ASSERT_TRUE(post(WM_USER));
+    for (int wait = 0; wait < 2; ++wait) {  // the wait itself is no look at the queue
+        EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
+    }
+    // A look that leaves the message (a filter that passes it over, or PM_NOREMOVE) counts.
+    MSG message;
+    EXPECT_FALSE(PeekMessageA(&message, nullptr, WM_APP, WM_APP, PM_REMOVE));
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    ASSERT_TRUE(post(WM_USER + 1));
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE));
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(takeAll(), (std::vector<UINT>{WM_USER, WM_USER + 1}));
+}
+
+TEST(MessageQueue, QueueHoldsAtMost10000Messages) {
+    makeQueue();
+    for (int i = 0; i < 10000; ++i) {
+        ASSERT_TRUE(post(WM_USER, static_cast<WPARAM>(i))) << i;
+    }
+    SetLastError(0);
+    EXPECT_EQ(failureOf(post(WM_USER)), ERROR_NOT_ENOUGH_QUOTA);
+    MSG message;
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.wParam, 0u);
+    EXPECT_TRUE(post(WM_USER)) << "room for one again";
+}
+
+TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
+    constexpr int kPosters = 4;
+    constexpr int kPerPoster = 2000;
+    makeQueue();
+    std::vector<std::thread> posters;
+    for (int p = 0; p < kPosters; ++p) {
+        posters.emplace_back([p, receiver = GetCurrentThreadId()] {
+            for (int i = 0; i < kPerPoster; ++i) {
+                while (!PostThreadMessageA(receiver, WM_USER, static_cast<WPARAM>(p), i)) {
+                    std::this_thread::yield();  // the queue is full for a moment
+                }
+            }
+        });
+    }
+    std::vector<int> received(kPosters, 0);
+    bool inOrder = true;
+    // Ten seconds without a message end the wait: something was lost.
+    for (int total = 0; total < kPosters * kPerPoster &&
+                        MsgWaitForMultipleObjects(0, nullptr, FALSE, 10000, QS_ALLINPUT) == 0;) {
+        MSG message;
+        while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
+            const int poster = static_cast<int>(message.wParam);
+            inOrder = inOrder && message.lParam == received[poster]++;
+            ++total;
+        }
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    EXPECT_TRUE(inOrder);
+    EXPECT_EQ(received, std::vector<int>(kPosters, kPerPoster));
+}
+
+TEST(MessageQueue, ForkedChildStartsWithAnEmptyQueueOfItsOwn) {
+    makeQueue();
+    ASSERT_TRUE(post(WM_USER));
+    EXPECT_EQ(RunInChild([] {
+                  MSG message;
+                  if (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
+                      return 1;  // the parent's message
+                  }
+                  return post(WM_USER + 7) && takeAll() == std::vector<UINT>{WM_USER + 7} ? 0 : 2;
+              }),
+              0);
+    EXPECT_EQ(takeAll(), std::vector<UINT>{WM_USER}) << "the parent keeps its own";
+}
+
+}  // namespace
