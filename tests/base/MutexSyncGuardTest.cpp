@@ -43,9 +43,8 @@ bool otherThreadGets(ISyncGuard& guard) {
     return std::async(std::launch::async, probe).get();
 }
 
-// Ends one hold of the named mutex that the guard did not count, through a handle of its own,
-// opened on another thread (the thread sanitizer would see a lock-order inversion with the
-// platform's table of names otherwise, which cannot be a deadlock).
+// Ends one hold of the named mutex that the guard did not count, through a handle of its own
+// (opened on another thread: the thread sanitizer would see a false lock-order inversion).
 bool releaseUncountedHold(const std::string& name) {
     HANDLE handle = std::async(std::launch::async, [&] {
                         return OpenMutexA(SYNCHRONIZE, FALSE, name.c_str());
@@ -57,7 +56,7 @@ bool releaseUncountedHold(const std::string& name) {
 
 }  // namespace
 
-TEST(MutexSyncGuard, WithoutMutexEveryLockFailsAndIsTraced) {
+TEST(MutexSyncGuard, LocksFailAndAreTracedUntilCreateWhichClosesAFormerMutex) {
     DebugOutputCapture trace;
     CMutexSyncGuard guard;
     EXPECT_FALSE(guard.IsValid());
@@ -77,6 +76,21 @@ TEST(MutexSyncGuard, WithoutMutexEveryLockFailsAndIsTraced) {
     }
     const std::string notInitialized = kExe + "CMutexSyncGuard::TryLock: Mutex not initialized!\n";
     EXPECT_EQ(trace.texts(), std::vector<std::string>(8, notInitialized));
+
+    const std::string first = uniqueName("First");
+    ASSERT_TRUE(guard.Create(false, first.c_str(), nullptr));
+    ASSERT_TRUE(guard.Create(false, uniqueName("Second").c_str(), nullptr));
+    SetLastError(0);
+    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, first.c_str()), nullptr)
+        << "the first mutex's last handle was closed";
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    ASSERT_TRUE(guard.Create(false, nullptr, nullptr));
+    EXPECT_TRUE(guard.IsValid());
+
+    TesselTest::InvalidParameterThrows throws;
+    EXPECT_NO_THROW(guard.Create(false, std::string(259, 'n').c_str(), nullptr));
+    EXPECT_THROW(guard.Create(false, std::string(260, 'n').c_str(), nullptr),
+                 TesselTest::InvalidParameterError);
 }
 
 TEST(MutexSyncGuard, CountsNestedHoldsButNotTheInitialOwnership) {
@@ -104,14 +118,14 @@ TEST(MutexSyncGuard, CountsNestedHoldsButNotTheInitialOwnership) {
     EXPECT_TRUE(otherThreadGets(guard));
 }
 
-TEST(MutexSyncGuard, NamedMutexKeepsAnotherProcessOutAndRefusalsAreTraced) {
+TEST(MutexSyncGuard, NamedMutexIsSharedWithAnotherProcessAndAbandonedWhenItDies) {
     const std::string name = uniqueName("Shared");
-    ChildProcess peer({TESSEL_MUTEX_PEER, "hold", name});
-    ASSERT_EQ(peer.readLine(5000ms), "locked");
-    CMutexSyncGuard named(false, name.c_str(), nullptr);
+    CMutexSyncGuard named(false, name.c_str(), nullptr);  // the name outlives the peers
     CMutexSyncGuard unnamed;
     ASSERT_TRUE(unnamed.Create(false, nullptr, nullptr));
     ASSERT_TRUE(unnamed.LockWrite());
+    ChildProcess holder({TESSEL_MUTEX_PEER, "hold", name});
+    ASSERT_EQ(holder.readLine(5000ms), "locked");
     DebugOutputCapture trace;
     EXPECT_FALSE(named.TryLockWrite());
     EXPECT_FALSE(named.TryLockRead());
@@ -124,55 +138,28 @@ TEST(MutexSyncGuard, NamedMutexKeepsAnotherProcessOutAndRefusalsAreTraced) {
     }
     EXPECT_EQ(texts, (std::vector<std::string>{refusal(name, 0), refusal(name, 0),
                                                refusal(name, 30), refusal("Not defined", 0)}));
-
-    peer.closeInput();  // the peer releases it and ends
+    holder.closeInput();  // the peer releases it and ends
     EXPECT_TRUE(named.TryLockWrite(10000u));
     EXPECT_EQ(named.GetLockCount(), 1u);
     EXPECT_EQ(named.GetOwningThread(), GetCurrentThreadId());
-    EXPECT_EQ(peer.finish(), 0);
-}
+    EXPECT_EQ(holder.finish(), 0);
+    named.UnlockWrite();
 
-TEST(MutexSyncGuard, OwnerProcessDiesTheNextLockerGetsItWithTheCountOneShort) {
-    const std::string name = uniqueName("Abandoned");
-    CMutexSyncGuard guard(false, name.c_str(), nullptr);  // the name outlives the peer
-    ASSERT_TRUE(guard.IsValid());
-    {
-        ChildProcess peer({TESSEL_MUTEX_PEER, "die", name});
-        ASSERT_EQ(peer.readLine(5000ms), "locked");
-        ASSERT_EQ(peer.finish(), 128 + SIGKILL);
-    }
-    DebugOutputCapture trace;
-    ASSERT_TRUE(guard.LockWrite()) << "an abandoned mutex is granted";
-    EXPECT_EQ(guard.GetLockCount(), 0u) << "the abandoned hold is not counted";
-    EXPECT_EQ(guard.GetOwningThread(), GetCurrentThreadId());
-    EXPECT_TRUE(trace.texts().empty());
-
+    ChildProcess dying({TESSEL_MUTEX_PEER, "die", name});
+    ASSERT_EQ(dying.readLine(5000ms), "locked");
+    ASSERT_EQ(dying.finish(), 128 + SIGKILL);
+    ASSERT_TRUE(named.LockWrite()) << "an abandoned mutex is granted";
+    EXPECT_EQ(named.GetLockCount(), 0u) << "the abandoned hold is not counted";
+    EXPECT_EQ(named.GetOwningThread(), GetCurrentThreadId());
+    EXPECT_EQ(trace.texts().size(), 4u) << "and not traced";
     // A nested hold counts and is released; the abandoned one stays.
-    ASSERT_TRUE(guard.TryLockWrite());
-    EXPECT_EQ(guard.GetLockCount(), 1u);
-    guard.UnlockWrite();
-    EXPECT_EQ(guard.GetLockCount(), 0u);
-    EXPECT_EQ(guard.GetOwningThread(), 0u);
-    guard.UnlockWrite();  // at a count of zero: does nothing
-    EXPECT_FALSE(otherThreadGets(guard)) << "still held by this thread";
+    ASSERT_TRUE(named.TryLockWrite());
+    EXPECT_EQ(named.GetLockCount(), 1u);
+    named.UnlockWrite();
+    EXPECT_EQ(named.GetLockCount(), 0u);
+    EXPECT_EQ(named.GetOwningThread(), 0u);
+    named.UnlockWrite();  // at a count of zero: does nothing
+    EXPECT_FALSE(otherThreadGets(named)) << "still held by this thread";
     ASSERT_TRUE(releaseUncountedHold(name));
-    EXPECT_TRUE(otherThreadGets(guard));
-}
-
-TEST(MutexSyncGuard, CreateAgainClosesTheFormerMutexAndTheNameMustFit) {
-    const std::string first = uniqueName("First");
-    CMutexSyncGuard guard;
-    ASSERT_TRUE(guard.Create(false, first.c_str(), nullptr));
-    ASSERT_TRUE(guard.Create(false, uniqueName("Second").c_str(), nullptr));
-    SetLastError(0);
-    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, first.c_str()), nullptr)
-        << "the first mutex's last handle was closed";
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    ASSERT_TRUE(guard.Create(false, nullptr, nullptr));
-    EXPECT_TRUE(guard.IsValid());
-
-    TesselTest::InvalidParameterThrows throws;
-    EXPECT_NO_THROW(guard.Create(false, std::string(259, 'n').c_str(), nullptr));
-    EXPECT_THROW(guard.Create(false, std::string(260, 'n').c_str(), nullptr),
-                 TesselTest::InvalidParameterError);
+    EXPECT_TRUE(otherThreadGets(named));
 }

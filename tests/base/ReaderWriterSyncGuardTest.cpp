@@ -8,15 +8,14 @@
 #include <functional>
 #include <future>
 #include <memory>
-#include <vector>
+#include <tuple>
 
 #include "support/WaitProbe.h"
 #include "tessel/base/ReadWriteLock.h"
 #include "tessel/platform/Types.h"
 
+using namespace TesselTest;
 using Tessel::Platform::DWORD;
-using TesselTest::AsyncCall;
-using TesselTest::eventually;
 
 namespace {
 
@@ -29,22 +28,12 @@ bool otherThreadGets(ISyncGuard& guard, bool read) {
     return std::async(std::launch::async, probe).get();
 }
 
-// A guard that is never destroyed: after a thread asked twice for the write lock, the writer
-// section stays entered for good, and a section may not be deleted while it is entered.
-CReaderWriterSyncGuard& guardKeptForever() {
-    static auto* kept = new std::vector<std::unique_ptr<CReaderWriterSyncGuard>>;
-    kept->push_back(std::make_unique<CReaderWriterSyncGuard>());
-    return *kept->back();
-}
-
 }  // namespace
 
 TEST(ReaderWriterSyncGuard, ReadersShareTheLockAndACountBelowZeroMeansNoReaders) {
     CReaderWriterSyncGuard guard;
     ASSERT_TRUE(guard.LockRead());
     ASSERT_TRUE(guard.TryLockRead());
-    EXPECT_TRUE(otherThreadGets(guard, kRead));
-    EXPECT_FALSE(otherThreadGets(guard, kWrite));
     EXPECT_FALSE(guard.TryLockWrite()) << "a reader is kept out of the write lock";
     guard.UnlockRead();
     EXPECT_FALSE(otherThreadGets(guard, kWrite)) << "one reader is still inside";
@@ -63,44 +52,32 @@ TEST(ReaderWriterSyncGuard, ReadersShareTheLockAndACountBelowZeroMeansNoReaders)
 TEST(ReaderWriterSyncGuard, WritersHavePriorityOverNewReaders) {
     CReaderWriterSyncGuard guard;
     ASSERT_TRUE(guard.LockRead());  // the reader inside
-    std::atomic<bool> writerIn{false}, newReaderIn{false}, readerInWhileWriterIn{false};
-    std::atomic<bool> release{false};
+    std::atomic<bool> newReaderIn{false};
     AsyncCall writer([&] {
-        const bool locked = guard.LockWrite();
-        readerInWhileWriterIn = newReaderIn.load();
-        writerIn = true;
-        eventually([&] { return release.load(); });
-        guard.UnlockWrite();
-        return DWORD{locked};
+        CReadWriteLock lock(guard, kWrite, false);
+        return DWORD{lock.Lock() && !newReaderIn};
     });
     ASSERT_TRUE(writer.blocked()) << "the writer waits for the reader inside";
-    EXPECT_FALSE(writerIn);
+    EXPECT_FALSE(writer.done());
 
     // A reader that arrives now is held at the door, although only a reader is inside.
     EXPECT_FALSE(otherThreadGets(guard, kRead));
     AsyncCall reader([&] {
-        const bool locked = guard.LockRead();
-        newReaderIn = true;
-        guard.UnlockRead();
-        return DWORD{locked};
+        CReadWriteLock lock(guard, kRead, false);
+        newReaderIn = lock.Lock();
+        return DWORD{newReaderIn};
     });
     ASSERT_TRUE(reader.blocked());
-    guard.UnlockRead();  // the reader inside leaves: the writer goes first
-    ASSERT_TRUE(eventually([&] { return writerIn.load(); }));
-    EXPECT_FALSE(readerInWhileWriterIn);
     EXPECT_FALSE(reader.done());
-    release = true;
+    guard.UnlockRead();  // the reader inside leaves
     ASSERT_TRUE(writer.finishes() && reader.finishes());
-    EXPECT_EQ(writer.result(), 1u);
+    EXPECT_EQ(writer.result(), 1u) << "the writer went first";
     EXPECT_EQ(reader.result(), 1u);
 }
 
 TEST(ReaderWriterSyncGuard, WritersSecondLockFailsAtOnceAndKeepsOtherWritersOut) {
-    const struct {
-        const char* name;
-        std::function<bool(CReaderWriterSyncGuard&)> writer;  // true: the second lock failed
-        bool othersRead;
-    } cases[] = {
+    // How the writer asks again; whether other threads may read afterwards.
+    const std::tuple<const char*, std::function<bool(CReaderWriterSyncGuard&)>, bool> cases[] = {
         {"LockWrite", [](CReaderWriterSyncGuard& g) { return g.LockWrite() && !g.LockWrite(); },
          false},
         // No debugger is attached: its break does nothing visible.
@@ -115,13 +92,17 @@ TEST(ReaderWriterSyncGuard, WritersSecondLockFailsAtOnceAndKeepsOtherWritersOut)
          },
          true},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        CReaderWriterSyncGuard& guard = guardKeptForever();
-        AsyncCall writer([&] { return DWORD{c.writer(guard)}; });
-        ASSERT_TRUE(writer.finishes(std::chrono::seconds(10)));
-        EXPECT_EQ(writer.result(), 1u);
-        EXPECT_EQ(otherThreadGets(guard, kRead), c.othersRead);
+    // Never destroyed: the writer section stays entered for good, and a section must not be
+    // deleted while it is entered.
+    static auto* const kept = new CReaderWriterSyncGuard[3];
+    int i = 0;
+    for (const auto& [name, askAgain, othersRead] : cases) {
+        SCOPED_TRACE(name);
+        CReaderWriterSyncGuard& guard = kept[i++];
+        AsyncCall writer([&] { return DWORD{askAgain(guard)}; });
+        ASSERT_TRUE(writer.finishes());
+        EXPECT_EQ(writer.result(), 1u) << "the second lock failed";
+        EXPECT_EQ(otherThreadGets(guard, kRead), othersRead);
         EXPECT_FALSE(otherThreadGets(guard, kWrite));
     }
 }

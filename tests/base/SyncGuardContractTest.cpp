@@ -1,7 +1,5 @@
-// What every ISyncGuard that really locks promises, one typed suite over the critical section,
-// the unnamed and the named mutex, the reader/writer guard and the spin lock, taken directly
-// and through the scoped holder CReadWriteLock; the guards that lock nothing; and the holder
-// against a guard that records its calls.
+// What every ISyncGuard that really locks promises, taken directly and through the holder
+// CReadWriteLock (one typed suite); the guards that lock nothing; the holder's exact calls.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
@@ -9,6 +7,7 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "support/TestSupport.h"
@@ -22,6 +21,25 @@
 #include "tessel/platform/Process.h"
 #include "tessel/threads/LockFreeSpinLock.h"
 
+// The mutex guard, without a name and with one.
+namespace Kind {
+
+struct UnnamedMutex : CMutexSyncGuard {
+    UnnamedMutex() { EXPECT_TRUE(Create(false, nullptr, nullptr)); }
+};
+
+struct NamedMutex : CMutexSyncGuard {
+    NamedMutex() {
+        static int count = 0;
+        const std::string name = "Global\\TesselTest." +
+                                 std::to_string(Tessel::Platform::GetCurrentProcessId()) + "." +
+                                 std::to_string(++count);
+        EXPECT_TRUE(Create(false, name.c_str(), nullptr));
+    }
+};
+
+}  // namespace Kind
+
 namespace {
 
 constexpr bool kRead = true;
@@ -33,59 +51,47 @@ bool otherThreadGets(ISyncGuard& guard, bool read) {
     return std::async(std::launch::async, probe).get();
 }
 
-}  // namespace
-
-// Each guard with what its contract says: whether its holder may take it again (one unlock per
-// hold), whether readers share it, and the system call in which a waiting thread sleeps.
-namespace Kind {
-
-template <bool reentrant, bool sharedReads, long waitCall>
-struct Traits {
-    static constexpr bool kReentrant = reentrant;
-    static constexpr bool kSharedReads = sharedReads;
-    static constexpr long kWaitCall = waitCall;
-};
-
-struct CriticalSection : CCriticalSectionSyncGuard, Traits<true, false, SYS_futex> {};
-
-struct UnnamedMutex : CMutexSyncGuard, Traits<true, false, SYS_futex> {
-    UnnamedMutex() { EXPECT_TRUE(Create(false, nullptr, nullptr)); }
-};
-
-struct NamedMutex : CMutexSyncGuard, Traits<true, false, SYS_futex> {
-    NamedMutex() {
-        static int count = 0;
-        const std::string name = "Global\\TesselTest." +
-                                 std::to_string(Tessel::Platform::GetCurrentProcessId()) + "." +
-                                 std::to_string(++count);
-        EXPECT_TRUE(Create(false, name.c_str(), nullptr));
-    }
-};
-
-struct ReaderWriter : CReaderWriterSyncGuard, Traits<false, true, SYS_ppoll> {};
-
-// Its sleep every tenth round is a timed futex wait.
-struct SpinLock : LockFreeSpinLock, Traits<false, false, SYS_futex> {};
-
-}  // namespace Kind
-
-namespace {
-
+// What each guard's contract says: whether its holder may take it again (one unlock per
+// hold), whether readers share it, and the system call in which a waiting thread sleeps (the
+// spin lock's sleep every tenth round is a timed futex wait).
 template <class Guard>
 class SyncGuardContract : public ::testing::Test {
   protected:
+    static constexpr bool kSharedReads = std::is_same_v<Guard, CReaderWriterSyncGuard>;
+    static constexpr bool kReentrant = !kSharedReads && !std::is_same_v<Guard, LockFreeSpinLock>;
+    static constexpr long kWaitCall = kSharedReads ? SYS_ppoll : SYS_futex;
+
     // The mutex guard traces every refused probe; keep that out of the system log.
     TesselTest::DebugOutputCapture m_trace;
     Guard m_guard;
 };
 
-using Kinds = ::testing::Types<Kind::CriticalSection, Kind::UnnamedMutex, Kind::NamedMutex,
-                               Kind::ReaderWriter, Kind::SpinLock>;
+using Kinds = ::testing::Types<CCriticalSectionSyncGuard, Kind::UnnamedMutex, Kind::NamedMutex,
+                               CReaderWriterSyncGuard, LockFreeSpinLock>;
 TYPED_TEST_SUITE(SyncGuardContract, Kinds);
+
+// Writes down each call, one letter: L lock, T try, U unlock, lower case for the read side;
+// grants the locks that answers marks with '1', in order.
+struct RecordingGuard : ISyncGuard {
+    bool TryLockRead() override { return answer('t'); }
+    bool LockRead() override { return answer('l'); }
+    void UnlockRead() override { calls += 'u'; }
+    bool TryLockWrite() override { return answer('T'); }
+    bool LockWrite() override { return answer('L'); }
+    void UnlockWrite() override { calls += 'U'; }
+    bool answer(char call) {
+        calls += call;
+        return answers.at(answered++) == '1';
+    }
+
+    std::string calls;
+    std::string answers;
+    std::size_t answered = 0;
+};
 
 }  // namespace
 
-TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItLetsGo) {
+TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
     ISyncGuard& guard = this->m_guard;
     guard.UnlockWrite();  // surplus unlocks of a free lock do no harm
     guard.UnlockRead();
@@ -95,7 +101,7 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItLetsGo) {
             CReadWriteLock hold(guard, read, lockNow);
             ASSERT_TRUE(lockNow || hold.TryLock());
             EXPECT_FALSE(otherThreadGets(guard, kWrite));
-            EXPECT_EQ(otherThreadGets(guard, kRead), read && TypeParam::kSharedReads);
+            EXPECT_EQ(otherThreadGets(guard, kRead), read && TestFixture::kSharedReads);
             hold.Unlock();
             EXPECT_TRUE(otherThreadGets(guard, kWrite));
             EXPECT_TRUE(otherThreadGets(guard, kRead));
@@ -104,18 +110,39 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItLetsGo) {
     guard.UnlockWrite();  // after holds as well
     guard.UnlockRead();
     EXPECT_TRUE(otherThreadGets(guard, kWrite));
+
+    // The holder takes it again where the guard is reentrant; a waiter gets it at the last
+    // unlock.
     ASSERT_TRUE(guard.LockWrite()) << "still usable";
-    EXPECT_FALSE(otherThreadGets(guard, kWrite));
+    if constexpr (TestFixture::kReentrant) {
+        EXPECT_TRUE(guard.LockRead());
+        EXPECT_TRUE(guard.TryLockWrite());
+        EXPECT_TRUE(guard.TryLockRead());
+        EXPECT_FALSE(otherThreadGets(guard, kRead)) << "read and write are one lock";
+        guard.UnlockRead();
+        guard.UnlockWrite();
+        guard.UnlockRead();
+    } else {
+        EXPECT_FALSE(guard.TryLockRead()) << "not even for the holder";
+    }
+    TesselTest::AsyncCall waiter([&] {
+        CReadWriteLock hold(guard, kRead, true);
+        return Tessel::Platform::DWORD{1};
+    });
+    EXPECT_TRUE(waiter.blocked(TestFixture::kWaitCall));
+    EXPECT_FALSE(waiter.done()) << "one hold is still outstanding";
     guard.UnlockWrite();
+    ASSERT_TRUE(waiter.finishes());
+    EXPECT_TRUE(otherThreadGets(guard, kWrite)) << "the waiter's holder let go at its end";
+    EXPECT_TRUE(otherThreadGets(guard, kRead));
 }
 
 TYPED_TEST(SyncGuardContract, ReadersNeverSeeAWriteHalfDoneAndNoWriteIsLost) {
     // Written under the write lock, read under the read lock. Plain data, so that the thread
     // sanitizer checks the lock's happens-before edges as well.
     long first = 0, second = 0;
-    std::atomic<long> writes{0};
-    std::atomic<int> faults{0};
-    std::vector<std::thread> threads;
+    std::atomic<long> writes{0}, faults{0};
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < 4000; ++i) {
@@ -137,40 +164,11 @@ TYPED_TEST(SyncGuardContract, ReadersNeverSeeAWriteHalfDoneAndNoWriteIsLost) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear();  // joins them
     EXPECT_EQ(faults.load(), 0);
     EXPECT_GE(writes.load(), 4000) << "at least every waiting write";
     EXPECT_EQ(first, writes.load());
     EXPECT_EQ(second, writes.load());
-}
-
-TYPED_TEST(SyncGuardContract, HolderTakesItAgainWhereReentrantAndAWaiterGetsItAtTheLastUnlock) {
-    ISyncGuard& guard = this->m_guard;
-    ASSERT_TRUE(guard.LockWrite());
-    if constexpr (TypeParam::kReentrant) {
-        EXPECT_TRUE(guard.LockRead());
-        EXPECT_TRUE(guard.TryLockWrite());
-        EXPECT_TRUE(guard.TryLockRead());
-        EXPECT_FALSE(otherThreadGets(guard, kWrite));
-        EXPECT_FALSE(otherThreadGets(guard, kRead)) << "read and write are one lock";
-        guard.UnlockRead();
-        guard.UnlockWrite();
-        guard.UnlockRead();
-    } else {
-        EXPECT_FALSE(guard.TryLockRead()) << "not even for the holder";
-    }
-    TesselTest::AsyncCall waiter([&] {
-        CReadWriteLock hold(guard, kRead, true);
-        return Tessel::Platform::DWORD{1};
-    });
-    EXPECT_TRUE(waiter.blocked(TypeParam::kWaitCall));
-    EXPECT_FALSE(waiter.done()) << "one hold is still outstanding";
-    guard.UnlockWrite();
-    ASSERT_TRUE(waiter.finishes());
-    EXPECT_TRUE(otherThreadGets(guard, kWrite)) << "the waiter's holder let go at its end";
-    EXPECT_TRUE(otherThreadGets(guard, kRead));
 }
 
 TYPED_TEST(SyncGuardContract, DestroyedWhileHeld) {
@@ -178,7 +176,7 @@ TYPED_TEST(SyncGuardContract, DestroyedWhileHeld) {
     for (int i = 0; i < 100; ++i) {
         TypeParam guard;
         ASSERT_TRUE(i % 2 == 0 ? guard.LockWrite() : guard.LockRead());
-        ASSERT_TRUE(!TypeParam::kReentrant || (guard.LockWrite() && guard.LockRead()));
+        ASSERT_TRUE(!TestFixture::kReentrant || (guard.LockWrite() && guard.LockRead()));
     }
 }
 
@@ -193,32 +191,6 @@ TEST(SyncGuard, GuardsThatLockNothingGrantEverythingToEveryThread) {
         guard->UnlockRead();
     }
 }
-
-namespace {
-
-// Writes down each call, one letter: L lock, T try, U unlock, lower case for the read side;
-// grants the locks that answers marks with '1', in order.
-class RecordingGuard : public ISyncGuard {
-  public:
-    bool TryLockRead() override { return answer('t'); }
-    bool LockRead() override { return answer('l'); }
-    void UnlockRead() override { calls += 'u'; }
-    bool TryLockWrite() override { return answer('T'); }
-    bool LockWrite() override { return answer('L'); }
-    void UnlockWrite() override { calls += 'U'; }
-    bool answer(char call) {
-        calls += call;
-        return answers.at(m_answered++) == '1';
-    }
-
-    std::string calls;
-    std::string answers;
-
-  private:
-    std::size_t m_answered = 0;
-};
-
-}  // namespace
 
 TEST(ReadWriteLock, EndsExactlyTheHoldsThatWereGrantedOnItsSide) {
     for (const bool read : {kRead, kWrite}) {

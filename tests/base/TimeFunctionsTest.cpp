@@ -39,9 +39,8 @@ TEST_F(TimeFunctions, DeltaIsKeptInFiftyMicrosecondUnitsUpToOneDay) {
     EXPECT_EQ(TIME::GetDeltaUTCTime(), 0.0);
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();
-    const struct {
-        double set, expected, tolerance;
-    } cases[] = {
+    const std::tuple<double, double, double> cases[] = {
+        // set, expected, tolerance
         {1.5, 1.5, 1e-9},         {-2.25, -2.25, 1e-9},
         {86400.0, 86400.0, 5e-5}, {-86400.0, -86400.0, 5e-5},
         {86400.1, 0.0, 0.0},      {-86400.1, 0.0, 0.0},
@@ -49,19 +48,16 @@ TEST_F(TimeFunctions, DeltaIsKeptInFiftyMicrosecondUnitsUpToOneDay) {
         {3e-5, 0.0, 0.0},         {-7e-5, -5e-5, 1e-12},
         {1.00004, 1.0, 1e-9},     {-1.00004, -1.0, 1e-9},
     };
-    for (const auto& c : cases) {
+    for (const auto& [set, expected, tolerance] : cases) {
         TIME::SetDeltaUTCTime(10.0);
-        TIME::SetDeltaUTCTime(c.set);
-        EXPECT_NEAR(TIME::GetDeltaUTCTime(), c.expected, c.tolerance) << "set " << c.set;
+        TIME::SetDeltaUTCTime(set);
+        EXPECT_NEAR(TIME::GetDeltaUTCTime(), expected, tolerance) << "set " << set;
     }
 }
 
 TEST_F(TimeFunctions, UtcIsTheSystemClockInWholeSecondsMinusTheDelta) {
-    const struct {
-        double delta;
-        time_duration shift;  // added to the system clock
-        long fractionUs;      // of the result's second
-    } cases[] = {
+    // The difference, what it adds to the system clock, and the result's fraction of a second.
+    const std::tuple<double, time_duration, long> cases[] = {
         {0.0, hours(0), 0},
         {-3600.0, hours(1), 0},  // a negative difference moves UTC forward
         {3600.0, -hours(1), 0},
@@ -70,14 +66,14 @@ TEST_F(TimeFunctions, UtcIsTheSystemClockInWholeSecondsMinusTheDelta) {
         {-0.0123456, milliseconds(12), 12000},
         {-0.0009, hours(0), 0},
     };
-    for (const auto& c : cases) {
-        TIME::SetDeltaUTCTime(c.delta);
-        const ptime before = from_time_t(std::time(nullptr)) + c.shift;
+    for (const auto& [delta, shift, fractionUs] : cases) {
+        SCOPED_TRACE(delta);
+        TIME::SetDeltaUTCTime(delta);
+        const ptime before = from_time_t(std::time(nullptr)) + shift;
         const ptime utc = TIME::GetCurrentDateTimeUTC();
-        const ptime after = from_time_t(std::time(nullptr)) + c.shift;
-        EXPECT_LE(before, utc) << c.delta;
-        EXPECT_LE(utc, after) << c.delta;
-        EXPECT_EQ(utc.time_of_day().fractional_seconds(), c.fractionUs) << c.delta;
+        EXPECT_LE(before, utc);
+        EXPECT_LE(utc, from_time_t(std::time(nullptr)) + shift);
+        EXPECT_EQ(utc.time_of_day().fractional_seconds(), fractionUs);
     }
 }
 
@@ -99,10 +95,7 @@ TEST_F(TimeFunctions, DateTimeTextIsTheLocalTimeAndIgnoresTheDelta) {
 
 TEST_F(TimeFunctions, ModifiedJulianDate) {
     const double special = 9223372036854775.0 / 86400000.0;
-    const struct {
-        ptime time;
-        double mjd;
-    } cases[] = {
+    const std::pair<ptime, double> cases[] = {
         {ptime(date(1858, 11, 17)), 0.0},
         {ptime(date(2000, 1, 1)), 51544.0},
         {ptime(date(2000, 1, 1), hours(12)), 51544.5},
@@ -113,7 +106,7 @@ TEST_F(TimeFunctions, ModifiedJulianDate) {
         {ptime(pos_infin), special},
         {ptime(neg_infin), -special},
     };
-    for (const auto& c : cases) {
-        EXPECT_DOUBLE_EQ(TIME::ToMjd(c.time), c.mjd) << c.time;
+    for (const auto& [time, mjd] : cases) {
+        EXPECT_DOUBLE_EQ(TIME::ToMjd(time), mjd) << time;
     }
 }
