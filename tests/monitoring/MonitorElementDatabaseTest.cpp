@@ -1,94 +1,135 @@
-#include <gtest/gtest.h>
+// The element table, the containers that components create their elements through, and the
+// observer that renders a pass over the table.
+#include "tessel/monitoring/MonitorElementDatabase.h"
 
-#include <atomic>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <iomanip>
+#include <limits>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/LogCapture.h"
 #include "tessel/monitoring/MonitorElementContainer.h"
-#include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
-#include "tessel/platform/Process.h"
 
 namespace {
 
-// Records what a pass hands over.
-class RecordingObserver : public CMonitorElementObserver {
-  public:
-    void beginUpdate() override { calls.push_back("begin"); }
-    void updateElement(CMonitorElement& element) override { calls.push_back(element.getPath()); }
-    void endUpdate() override { calls.push_back("end"); }
+using testing::HasSubstr;
 
-    std::vector<std::string> calls;
-};
+using Mode = CMonitorElementObserver::eObserverMode;
 
-std::string base() {
-    return "UnknownRootName/" + std::to_string(Tessel::Platform::GetCurrentProcessId()) + "/";
-}
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+const std::string kNaNText = "-9223372036854775808";
+const std::string base = "UnknownRootName/" + std::to_string(::getpid()) + "/";
 
 MonitorElementDatabase& db() {
     return MonitorElementDatabase::getInstance();
 }
 
-TEST(MonitorElementDatabase, AddMakesNamesUnique) {
+// The element of absolutePath (without its leading '/'), set to value.
+CMonitorElement* element(const std::string& absolutePath, const std::string& unit, double value) {
+    CMonitorElement* e = db().findOrAdd("/" + absolutePath, unit);
+    e->set(value);
+    return e;
+}
+
+// Records what a pass hands over.
+class RecordingObserver : public CMonitorElementObserver {
+  public:
+    void beginUpdate() override { calls.push_back("begin"); }
+    void updateElement(CMonitorElement& e) override { calls.push_back(e.getPath()); }
+    void endUpdate() override { calls.push_back("end"); }
+
+    std::vector<std::string> calls;
+};
+
+std::vector<std::string> walk(const std::string& filter) {
+    RecordingObserver observer;
+    observer.setFilter(filter);
+    db().update(observer);
+    return observer.calls;
+}
+
+// An observer with its own stream; pass() runs one pass and returns what it wrote.
+struct Observed {
+    std::ostringstream text;
+    CMonitorElementObserver observer{&text};
+
+    Observed(Mode mode, const std::string& filter, bool strip = false) {
+        observer.setMode(mode);
+        observer.setFilter(filter);
+        observer.setStripCommonPath(strip);
+    }
+    std::string pass() {
+        text.str("");
+        db().update(observer);
+        return text.str();
+    }
+};
+
+// The print line of a path, number text and unit; the List overview's lines are narrower.
+std::string line(const std::string& path, const std::string& number, const std::string& unit = "",
+                 int width = 100) {
+    std::ostringstream out;
+    out << std::left << std::setw(width) << path << std::right << std::setw(20) << number << ' '
+        << unit << "\r\n";
+    return out.str();
+}
+
+// Elements of unit "" with the values 1, 2, 3, ... in the order given.
+void counted(std::initializer_list<const char*> paths) {
+    double value = 0;
+    for (const char* path : paths) {
+        element(path, "", ++value);
+    }
+}
+
+std::string json(const std::string& path, const std::string& number) {
+    return "\"" + path + "\":[\"" + number + "\",\"\"]\r\n";
+}
+
+TEST(MonitorElementDatabase, AddMakesNamesUniqueAndFindOrAddDoesNot) {
     CMonitorElement* x = db().add("DbUnique/X", "");
     CMonitorElement* x0 = db().add("DbUnique/X", "");
-    CMonitorElement* x1 = db().add("DbUnique/X", "");
-    EXPECT_EQ(x->getPath(), base() + "DbUnique/X");
-    EXPECT_EQ(x0->getPath(), base() + "DbUnique/X0");
-    EXPECT_EQ(x1->getPath(), base() + "DbUnique/X1");
+    EXPECT_EQ(x->getPath(), base + "DbUnique/X");
+    EXPECT_EQ(x0->getPath(), base + "DbUnique/X0");
+    EXPECT_EQ(db().add("DbUnique/X", "")->getPath(), base + "DbUnique/X1");
     EXPECT_NE(x, x0);
-    EXPECT_NE(x0, x1);
-}
+    // A generated name that exists already gives that element.
+    CMonitorElement* y0 = db().add("DbClash/Y0", "");
+    db().add("DbClash/Y", "");
+    EXPECT_EQ(db().add("DbClash/Y", ""), y0);
+    // A leading '/' skips the base name.
+    EXPECT_EQ(db().add("/Other/Root/Z", "")->getPath(), "Other/Root/Z");
 
-TEST(MonitorElementDatabase, GeneratedNameThatExistsReturnsTheExistingElement) {
-    CMonitorElement* x = db().add("DbClash/X", "");
-    CMonitorElement* x0 = db().add("DbClash/X0", "");
-    CMonitorElement* again = db().add("DbClash/X", "");  // generates X0, which exists
-    EXPECT_NE(x, x0);
-    EXPECT_EQ(again, x0);
-}
-
-TEST(MonitorElementDatabase, FindOrAddReturnsTheSameElementAndKeepsItsUnit) {
     CMonitorElement* first = db().findOrAdd("DbFind/Y", "ms");
-    CMonitorElement* second = db().findOrAdd("DbFind/Y", "s");
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(second->getUnit(), "ms");
-    // findOrAdd does not enter the name in the use counts.
-    EXPECT_EQ(db().generateUniqueName(base() + "DbFind/Y"), base() + "DbFind/Y");
+    EXPECT_EQ(db().findOrAdd("DbFind/Y", "s"), first);
+    EXPECT_EQ(first->getUnit(), "ms");
+    EXPECT_EQ(db().generateUniqueName(base + "DbFind/Y"), base + "DbFind/Y");  // not counted
 }
 
-TEST(MonitorElementDatabase, AbsoluteNamesSkipTheBaseName) {
-    CMonitorElement* element = db().add("/Other/Root/Z", "");
-    EXPECT_EQ(element->getPath(), "Other/Root/Z");
-}
-
-TEST(MonitorElementDatabase, RemoveKeepsTheUseCountOfDuplicatedNames) {
+TEST(MonitorElementDatabase, RemoveAndTheUseCountsOfNames) {
     CMonitorElement* a = db().add("DbRemove/A", "");
     CMonitorElement* a0 = db().add("DbRemove/A", "");
+    const std::uint64_t count = db().getLocalElementCount();
     ASSERT_TRUE(db().remove(a));
     ASSERT_TRUE(db().remove(a0));
-    // "A" had a duplicate: it stays reserved and the next add takes the next suffix.
-    EXPECT_EQ(db().add("DbRemove/A", "")->getPath(), base() + "DbRemove/A1");
-
-    // A name without duplicates is released by the remove.
-    CMonitorElement* b = db().add("DbRemove/B", "");
-    ASSERT_TRUE(db().remove(b));
-    EXPECT_EQ(db().add("DbRemove/B", "")->getPath(), base() + "DbRemove/B");
-}
-
-TEST(MonitorElementDatabase, RemoveOfAnElementNoLongerThereIsFalse) {
-    CMonitorElement* c = db().add("DbRemove/C", "");
-    const std::uint64_t count = db().getLocalElementCount();
-    EXPECT_TRUE(db().remove(c));
-    EXPECT_FALSE(db().remove(c));
+    EXPECT_FALSE(db().remove(a0));
     EXPECT_FALSE(db().remove(nullptr));
-    EXPECT_EQ(db().getLocalElementCount(), count - 1);
-    EXPECT_EQ(db().getGlobalElementCount(), count - 1);
-}
+    EXPECT_EQ(db().getLocalElementCount(), count - 2);
+    EXPECT_EQ(db().getGlobalElementCount(), count - 2);
+    // "A" had a duplicate: it stays reserved and the next add takes the next suffix.
+    EXPECT_EQ(db().add("DbRemove/A", "")->getPath(), base + "DbRemove/A1");
+    // A name without duplicates is released by the remove.
+    ASSERT_TRUE(db().remove(db().add("DbRemove/B", "")));
+    EXPECT_EQ(db().add("DbRemove/B", "")->getPath(), base + "DbRemove/B");
 
-TEST(MonitorElementDatabase, RemoveBaseNameOnlyForNamesWithoutDuplicates) {
     EXPECT_FALSE(db().removeBaseName("DbNames/Never"));
     db().generateUniqueName("DbNames/Once");
     EXPECT_TRUE(db().removeBaseName("DbNames/Once"));
@@ -99,106 +140,284 @@ TEST(MonitorElementDatabase, RemoveBaseNameOnlyForNamesWithoutDuplicates) {
 }
 
 TEST(MonitorElementDatabase, UpdateWalksMatchingElementsInKeyOrder) {
-    db().add("/Walk/B/2", "");
-    db().add("/Walk/A", "");
-    db().add("/Walk/B", "");
-    db().add("/Walk0/A", "");
-    db().add("/Other/A", "");
-    RecordingObserver observer;
-    observer.setFilter("walk**");
-    db().update(observer);
-    EXPECT_EQ(observer.calls, (std::vector<std::string>{"begin", "Walk/A", "Walk/B", "Walk/B/2",
+    for (const char* name : {"/Walk/B/2", "/Walk/A", "/Walk/B", "/Walk0/A", "/Other/A"}) {
+        db().add(name, "");
+    }
+    EXPECT_EQ(walk("walk**"), (std::vector<std::string>{"begin", "Walk/A", "Walk/B", "Walk/B/2",
                                                         "Walk0/A", "end"}));
 }
 
 TEST(MonitorElementDatabase, OverlongNamesAreRefusedWithAnErrorLine) {
     const std::uint64_t count = db().getLocalElementCount();
-    TesselTest::LogCapture logCapture1;
-    CMonitorElement* tooLong = db().add(std::string(195, 'n'), "");  // long with the base
-    CMonitorElement* tooDeep = db().findOrAdd("/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u", "");
-    const std::string log = logCapture1.text();
-    EXPECT_EQ(tooLong, nullptr);
-    EXPECT_EQ(tooDeep, nullptr);
-    EXPECT_EQ(db().getLocalElementCount(), count);
-    EXPECT_NE(log.find(" error [MonitorElementDatabase::add] Monitor element ("), std::string::npos)
-        << log;
+    TesselTest::LogCapture log;
+    EXPECT_EQ(db().add(std::string(195, 'n'), ""), nullptr);  // long with the base
+    EXPECT_EQ(db().findOrAdd("/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u", ""), nullptr);
     EXPECT_EQ(CMonitorElementContainer("Refused").add(std::string(250, 'x'), ""), nullptr);
+    EXPECT_EQ(db().getLocalElementCount(), count);
+    EXPECT_THAT(log.text(), HasSubstr(" error [MonitorElementDatabase::add] Monitor element ("));
 }
 
 TEST(MonitorElementDatabase, InitMovesEveryElementToTheRootName) {
     CMonitorElement* relative = db().add("Init/X", "ms");
     CMonitorElement* absolute = db().add("/Foo/Bar", "");
+    CMonitorElement* first = db().add("/Foo/Same", "");
+    CMonitorElement* second = db().add("/Bar/Same", "");
     relative->set(3.0);
-    const std::string pid = std::to_string(Tessel::Platform::GetCurrentProcessId());
-
+    TesselTest::LogCapture log;
     MonitorElementDatabase::init("Collector");
-    EXPECT_EQ(relative->getPath(), "Collector/" + pid + "/Init/X");
+    const std::string collector = "Collector/" + std::to_string(::getpid()) + "/";
+    EXPECT_EQ(relative->getPath(), collector + "Init/X");
     EXPECT_EQ(relative->get(), 3.0);
     EXPECT_EQ(absolute->getPath(), "Collector/Bar");
-    // Names are registered afresh under the new root.
-    EXPECT_EQ(db().add("Init/X", "")->getPath(), "Collector/" + pid + "/Init/X0");
-    EXPECT_EQ(db().add("Init/Y", "")->getPath(), "Collector/" + pid + "/Init/Y");
-    // The keys moved too: the elements are found and removed by their new paths.
+    // Names are registered afresh under the new root, and found by their new paths.
+    EXPECT_EQ(db().add("Init/X", "")->getPath(), collector + "Init/X0");
+    EXPECT_EQ(db().add("Init/Y", "")->getPath(), collector + "Init/Y");
     EXPECT_EQ(db().findOrAdd("Init/X", ""), relative);
+    EXPECT_NE(db().getProcessMonitor(), nullptr);
+
+    // Two elements that come to the same path both stay alive; one is listed.
+    EXPECT_THAT(log.text(),
+                HasSubstr("Monitor element (Collector/Same) exists twice under the root name "
+                          "Collector"));
+    first->set(1.0);
+    second->set(1.0);
+    EXPECT_EQ(walk("Collector/Same"), (std::vector<std::string>{"begin", "Collector/Same", "end"}));
+    EXPECT_NE(db().remove(first), db().remove(second));
 
     // init with the current root changes nothing in the table.
     MonitorElementDatabase::init("Collector");
-    EXPECT_EQ(relative->getPath(), "Collector/" + pid + "/Init/X");
-    EXPECT_EQ(db().add("Init/X", "")->getPath(), "Collector/" + pid + "/Init/X1");
-    // init starts a process monitor each time.
+    EXPECT_EQ(relative->getPath(), collector + "Init/X");
+    EXPECT_EQ(db().add("Init/X", "")->getPath(), collector + "Init/X1");
     EXPECT_NE(db().getProcessMonitor(), nullptr);
     EXPECT_TRUE(db().remove(relative));
 }
 
-TEST(MonitorElementDatabase, InitKeepsElementsThatComeToTheSamePathAlive) {
-    CMonitorElement* first = db().add("/Foo/Same", "");
-    CMonitorElement* second = db().add("/Bar/Same", "");
-    TesselTest::LogCapture logCapture2;
-    MonitorElementDatabase::init("Root");
-    const std::string log = logCapture2.text();
-    EXPECT_NE(log.find("Monitor element (Root/Same) exists twice under the root name Root"),
-              std::string::npos)
-        << log;
-    second->set(1.0);  // both pointers stay valid
-    first->set(1.0);
-    RecordingObserver observer;
-    observer.setFilter("Root/Same");
-    db().update(observer);
-    EXPECT_EQ(observer.calls, (std::vector<std::string>{"begin", "Root/Same", "end"}));
-    // Exactly one of the two is still listed and can be removed.
-    EXPECT_NE(db().remove(first), db().remove(second));
-}
-
 TEST(MonitorElementDatabase, ConcurrentCreationUpdateAndWalk) {
-    std::atomic<bool> stop{false};
-    std::thread walker([&stop] {
-        RecordingObserver observer;
-        observer.setFilter("**Worker*");
-        while (!stop.load()) {
-            observer.calls.clear();
-            db().update(observer);
-        }
-    });
-    std::vector<std::thread> workers;
-    for (int t = 0; t < 3; ++t) {
-        workers.emplace_back([t] {
-            CMonitorElementContainer container("Concurrent/Worker" + std::to_string(t));
-            for (int round = 0; round < 200; ++round) {
-                CMonitorElement* element = container.add("Counter", "");
-                element->increment(1);
-                container.clear();
+    {
+        std::jthread walker([](std::stop_token stop) {
+            while (!stop.stop_requested()) {
+                walk("**Worker*");
             }
         });
+        std::vector<std::jthread> workers;
+        for (int t = 0; t < 3; ++t) {
+            workers.emplace_back([t] {
+                CMonitorElementContainer container("Concurrent/Worker" + std::to_string(t));
+                for (int round = 0; round < 200; ++round) {
+                    container.add("Counter", "")->increment(1);
+                    container.clear();
+                }
+            });
+        }
     }
-    for (auto& worker : workers) {
-        worker.join();
+    EXPECT_EQ(walk("**Concurrent/**"), (std::vector<std::string>{"begin", "end"}));
+}
+
+// --- containers ---
+
+TEST(MonitorElementContainer, PathsAreBaseSubBaseAndSanitisedName) {
+    CMonitorElementContainer container("Stats");
+    EXPECT_EQ(container.add("Threads", "")->getPath(), base + "Stats/Threads");
+    container.setSubBase("Pool");
+    EXPECT_EQ(container.add("Size", "")->getPath(), base + "Stats/Pool/Size");
+    EXPECT_EQ(container.getBase(), "Stats");
+
+    CMonitorElementContainer noBase;
+    noBase.setSubBase("Ignored");
+    EXPECT_EQ(noBase.add("Direct", "")->getPath(), base + "Direct");
+    EXPECT_EQ(noBase.add("/Abs/Direct", "")->getPath(), "Abs/Direct");
+
+    CMonitorElementContainer blanks("My Stats");
+    EXPECT_EQ(blanks.add("a b*c", "")->getPath(), base + "My_Stats/a_b_c");
+    EXPECT_EQ(db().add("a b*c", "")->getPath(), base + "a b*c");  // the database keeps them
+    blanks.setBase("New Base*");
+    EXPECT_EQ(blanks.getBase(), "New_Base_");
+
+    CMonitorElementContainer first, second;
+    first.setSubBase("Sub");
+    first.setBaseWithUniqeName("Pool");
+    second.setBaseWithUniqeName("Pool");
+    EXPECT_EQ(first.getBase(), "Pool");
+    EXPECT_EQ(second.getBase(), "Pool0");
+    EXPECT_EQ(first.add("Size", "")->getPath(), base + "Pool/Size");  // sub-base emptied
+}
+
+TEST(MonitorElementContainer, ElementsGoWithTheContainerUnlessFlaggedToStayOrCleared) {
+    const std::uint64_t count = db().getLocalElementCount();
+    CMonitorElement* survivor = nullptr;
+    CMonitorElement* kept = nullptr;
+    {
+        CMonitorElementContainer container("Lifetime");
+        container.add("Removed", "");
+        container.add("Removed2", "", true);
+        survivor = container.add("Survivor", "", false);
+        kept = container.findOrAdd("Kept", "", false);
+        EXPECT_EQ(container.findOrAdd("Kept", "", true), kept);  // the first flag stays
+        EXPECT_EQ(db().getLocalElementCount(), count + 4);
     }
-    stop = true;
-    walker.join();
-    RecordingObserver observer;
-    observer.setFilter("**Concurrent/**");
-    db().update(observer);
-    EXPECT_EQ(observer.calls, (std::vector<std::string>{"begin", "end"}));
+    EXPECT_EQ(db().getLocalElementCount(), count + 2);
+    EXPECT_EQ(db().findOrAdd("Lifetime/Kept", ""), kept);
+    survivor->set(1.0);  // still valid
+    EXPECT_TRUE(db().remove(survivor));
+    EXPECT_TRUE(db().remove(kept));
+
+    CMonitorElementContainer container("Clear"), other("Other");
+    container.clear();  // empty: nothing happens
+    CMonitorElement* a = container.add("A", "", false);
+    CMonitorElement* b = container.add("B", "");
+    other.add("C", "")->set(5.0);
+    container.setContainerMonitorElementsToValue(7.0);
+    EXPECT_EQ(a->get(), 7.0);
+    EXPECT_EQ(b->get(), 7.0);
+    EXPECT_EQ(db().findOrAdd("Other/C", "")->get(), 5.0);  // only its own elements
+    container.clear();                                     // whatever the flag
+    EXPECT_EQ(db().getLocalElementCount(), count + 1);
+    EXPECT_EQ(container.add("A", "")->getPath(), base + "Clear/A");
+}
+
+TEST(MonitorElementContainer, ElementRemovedElsewhereIsLoggedNotTouched) {
+    TesselTest::LogCapture log;
+    {
+        CMonitorElementContainer container("Twice");
+        ASSERT_TRUE(db().remove(container.add("Gone", "")));
+        ASSERT_TRUE(db().remove(container.add("GoneToo", "")));
+        container.clear();
+        container.add("Gone", "");
+        ASSERT_TRUE(db().remove(db().findOrAdd("Twice/Gone", "")));
+    }
+    const std::string text = log.text();
+    for (const char* expected :
+         {" error [CMonitorElementContainer::clear] Monitor element (",
+          "/Twice/Gone) has already been removed.", "/Twice/GoneToo) has already been removed.",
+          " error [CMonitorElementContainer::~CMonitorElementContainer] Monitor element ("}) {
+        EXPECT_THAT(text, HasSubstr(expected));
+    }
+}
+
+// --- the observer ---
+
+TEST(MonitorElementObserver, EachModeRendersOnePassInItsFormat) {
+    CMonitorElement* a = element("Obs/P/a", "ms", 5);
+    element("Obs/P/b", "%", 2.5);
+    element("Obs/Agh/a", "", 0.5);
+    element("Obs/Agh/b", "", 3);
+    element("Obs/7/Threads/8/Load", "%", 1);
+    counted({"Obs/S/x/one", "Obs/S/x/two", "Obs/S/y/three"});
+    counted({"Obs/T/a/b/c/d", "Obs/T/a/b/z", "Obs/T/a/e"});
+    std::string top;
+    for (int i = 0; i < 12; ++i) {
+        const std::string name = "Obs/Top/e" + std::string(1, static_cast<char>('a' + i));
+        element(name, "", i);
+        top = (i >= 3 ? line(name, std::to_string(i)) : "") + top;
+    }
+    element("Obs/Top/z", "", 11);  // equal to "el" and after it in key order: shown first
+    const std::string pa = line("Obs/P/a", "5", "ms"), pb = line("Obs/P/b", "2.500000", "%");
+    const std::string prtg = "{ \"prtg\": { \"result\": [ ";
+    const std::string channels = "{ \"channel\":\"Channel count\",\"value\": ";
+    const std::string sum = "-------------------------\r\nAggregate: ";
+    const struct {
+        Mode mode;
+        std::string filter;
+        bool strip;
+        std::string expected;
+    } cases[] = {
+        {Mode::Print, "obs/p/*", false, pa + pb + "\r\n2 record(s) found\r\n"},
+        // What a pass that matches nothing leaves.
+        {Mode::Print, "nothing", false, "\r\n0 record(s) found\r\n"},
+        {Mode::Json, "nothing", false, "{}\r\n"},
+        {Mode::Prtg, "nothing", false, prtg + channels + "0}\r\n] } }\r\n"},
+        {Mode::Top, "nothing", false, ""},
+        {Mode::None, "*", false, ""},
+        // JSON has no blanks; a comma opens every line but the first.
+        {Mode::Json, "obs/p/*", false,
+         "{\"Obs/P/a\":[\"5\",\"ms\"]\r\n,\"Obs/P/b\":[\"2.500000\",\"%\"]\r\n}\r\n"},
+        {Mode::Prtg, "obs/p/*", true,
+         prtg +
+             "{\"channel\": \"a\", \"customunit\": \"ms\", \"float\": 1,\"value\": 5}\r\n"
+             ",{\"channel\": \"b\", \"customunit\": \"%\", \"float\": 1,\"value\": 2.500000}\r\n," +
+             channels + "2}\r\n] } }\r\n"},
+        // Stripping cuts the leading path elements that the whole pass shares.
+        {Mode::Json, "obs/s/x/one", true, "{" + json("one", "1") + "}\r\n"},
+        {Mode::Json, "obs/s/x/*", true, "{" + json("one", "1") + "," + json("two", "2") + "}\r\n"},
+        {Mode::Json, "obs/s/**", true,
+         "{" + json("x/one", "1") + "," + json("x/two", "2") + "," + json("y/three", "3") +
+             "}\r\n"},
+        // Obs,T,a,b,c after the first; the second cuts it to Obs,T,a,b, the third to Obs,T,a.
+        {Mode::Json, "obs/t/**", true,
+         "{" + json("b/c/d", "1") + "," + json("b/z", "2") + "," + json("e", "3") + "}\r\n"},
+        {Mode::Top, "obs/top/*", false, line("Obs/Top/z", "11") + top},
+        {Mode::Top, "obs/s/x/*", false, line("Obs/S/x/two", "2") + line("Obs/S/x/one", "1")},
+        // The sum as a double, in the notation that the last line left on the stream.
+        {Mode::Aggregate, "obs/p/*", false, pa + pb + sum + "7.500000\r\n"},
+        {Mode::Aggregate, "obs/agh/*", false,
+         line("Obs/Agh/a", "0.500000") + line("Obs/Agh/b", "3") + sum + "3.5\r\n"},
+        // The copies show the reset value; the live values stay.
+        {Mode::Reset, "obs/p/*", false, line("Obs/P/a", "0", "ms") + line("Obs/P/b", "0", "%")},
+        // Without a process monitor there is no trace, only the closing text.
+        {Mode::Backtrace, "obs/7/threads/*/load", false, "\r\n1 record(s) found\r\n"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Observed(c.mode, c.filter, c.strip).pass(), c.expected)
+            << c.mode << " " << c.filter;
+    }
+    EXPECT_EQ(a->get(), 5.0);
+    // Backtrace needs numeric process and thread ids in the path.
+    EXPECT_THROW(Observed(Mode::Backtrace, "obs/p/*").pass(), std::invalid_argument);
+}
+
+TEST(MonitorElementObserver, WatchPrintsOnlyWhatChangedMinimumKeepsEqualValuesNaNAlways) {
+    CMonitorElement* a = element("Obs/W/a", "", 1);
+    element("Obs/W/b", "", 2);
+    element("Obs/W/n", "", kNaN);
+    Observed watch(Mode::Watch, "obs/w/*");
+    const std::string nanLine = line("Obs/W/n", kNaNText);
+    EXPECT_EQ(watch.pass(), line("Obs/W/a", "1") + line("Obs/W/b", "2") + nanLine);
+    EXPECT_EQ(watch.pass(), nanLine);
+    a->set(3);
+    EXPECT_EQ(watch.pass(), line("Obs/W/a", "3") + nanLine);
+    // Rate after Watch starts from an entry of its own.
+    watch.observer.setMode(Mode::Rate);
+    EXPECT_EQ(watch.pass(), line("Obs/W/a", "0") + line("Obs/W/b", "0") + line("Obs/W/n", "0"));
+
+    Observed minimum(Mode::Json, "obs/w/*");
+    minimum.observer.setMinimumValue(3);
+    EXPECT_EQ(minimum.pass(),
+              "{" + json("Obs/W/a", "3") + "," + json("Obs/W/n", kNaNText) + "}\r\n");
+    minimum.observer.setMinimumValue(std::numeric_limits<double>::infinity());
+    EXPECT_EQ(minimum.pass(), "{" + json("Obs/W/n", kNaNText) + "}\r\n");
+}
+
+TEST(MonitorElementObserver, RateIsZeroFirstThenChangeOverTimeSinceTheFirstPass) {
+    CMonitorElement* a = element("Obs/Rate/a", "B", 100);
+    Observed o(Mode::Rate, "obs/rate/*");
+    EXPECT_EQ(o.pass(), line("Obs/Rate/a", "0", "B"));
+    const auto before = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    a->set(300);
+    const std::string second = o.pass();
+    const double elapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - before).count();
+    ASSERT_EQ(second.size(), 100u + 20u + 2u + 2u) << second;
+    EXPECT_EQ(second.substr(0, 10), "Obs/Rate/a");
+    const double rate = std::stod(second.substr(100, 20));
+    EXPECT_GT(rate, 200.0 / (elapsed + 0.5));
+    EXPECT_LE(rate, 200.0 / 0.2);
+}
+
+TEST(MonitorElementObserver, ListShowsProcessesWithUptimeAndHeartbeatThenServerElements) {
+    element("Stn/11/ProcessInfo/Stats/UpTime", "s", 90061);  // 1 d 1 h 1 m 1 s
+    element("Stn/11/ProcessInfo/Stats/HeartBeat", "", 0)->start();
+    element("Old/12/ProcessInfo/Stats/UpTime", "s", 3659);
+    element("Old/12/ProcessInfo/Stats/HeartBeat", "", 0);  // never started
+    element("Server/Stats/CPU", "%", 12);
+    element("Server/DumpCount", "", 3);
+    element("Server/Memory/TotalPhys", "MB", 4096);  // not in the overview
+    const std::string old = "Old/12" + std::string(39, ' ') + "    0d  1h  0m 59s   [ -- ]\r\n";
+    EXPECT_EQ(Observed(Mode::List, "*").pass(),
+              old + "Stn/11" + std::string(39, ' ') + "    1d  1h  1m  1s   [ UP ]\r\n\r\n" +
+                  line("Server/DumpCount", "3", "", 50) + line("Server/Stats/CPU", "12", "%", 50));
+    // Without server elements the overview ends with an empty line.
+    EXPECT_EQ(Observed(Mode::List, "old/**").pass(), old + "\r\n");
 }
 
 }  // namespace

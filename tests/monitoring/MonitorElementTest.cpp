@@ -1,6 +1,9 @@
+// One element: its value writers, its printers, its path and the filter match.
+#include "tessel/monitoring/MonitorElement.h"
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <iomanip>
 #include <limits>
 #include <sstream>
@@ -8,93 +11,53 @@
 #include <vector>
 
 #include "support/LogCapture.h"
-#include "tessel/monitoring/MonitorElement.h"
 #include "tessel/platform/Clock.h"
 
 namespace {
 
-std::string counterText(double value, const char* unit = "ms") {
-    CMonitorElement element("A/B", unit);
-    element.set(value);
-    std::ostringstream stream;
-    element.printCounter(stream);
-    return stream.str();
+using testing::HasSubstr;
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// Numbers with a positive fractional part in fixed notation with 6 decimals, all others
+// truncated to a 64-bit integer (out of its range, and NaN: the indefinite integer).
+TEST(MonitorElementPrinting, AllPrintersWriteTheSameNumber) {
+    // "value number"
+    for (const std::string pair :
+         {"3 3", "3.25 3.250000", "1.5 1.500000", "-1.5 -1", "0 0", "-0 0", "0.1 0.100000", "-7 -7",
+          "1234567.125 1234567.125000", "4294967296 4294967296", "1e20 -9223372036854775808",
+          "nan -9223372036854775808"}) {
+        const std::string number = pair.substr(pair.find(' ') + 1);
+        SCOPED_TRACE(pair);
+        CMonitorElement element("A/B", "ms");
+        element.set(std::stod(pair));
+        std::ostringstream counter, valueOnly, withUnit, prtg;
+        element.printCounter(counter);
+        element.printCounterForJSON(valueOnly, true);
+        element.printCounterForJSON(withUnit, false);
+        element.printCounterForPRTG(prtg);
+        EXPECT_EQ(counter.str(), std::string(20 - number.size(), ' ') + number + " ms");
+        EXPECT_EQ(valueOnly.str(), "\"" + number + "\"");
+        EXPECT_EQ(withUnit.str(), "[\"" + number + "\",\"ms\"]");
+        EXPECT_EQ(prtg.str(), number);
+    }
 }
 
-std::string jsonText(double value, bool valueOnly, const char* unit = "ms") {
-    CMonitorElement element("A/B", unit);
-    element.set(value);
-    std::ostringstream stream;
-    element.printCounterForJSON(stream, valueOnly);
-    return stream.str();
-}
-
-std::string prtgText(double value) {
-    CMonitorElement element("A/B", "");
-    element.set(value);
-    std::ostringstream stream;
-    element.printCounterForPRTG(stream);
-    return stream.str();
-}
-
-struct NumberCase {
-    double value;
-    const char* number;  // the number as all three printers write it
-};
-
-std::ostream& operator<<(std::ostream& os, const NumberCase& c) {
-    return os << c.value;
-}
-
-class NumberFormatting : public testing::TestWithParam<NumberCase> {};
-
-TEST_P(NumberFormatting, AllPrintersAgree) {
-    const NumberCase& c = GetParam();
-    const std::string number = c.number;
-    EXPECT_EQ(counterText(c.value), std::string(20 - number.size(), ' ') + number + " ms");
-    EXPECT_EQ(jsonText(c.value, true), "\"" + number + "\"");
-    EXPECT_EQ(jsonText(c.value, false), "[\"" + number + "\",\"ms\"]");
-    EXPECT_EQ(prtgText(c.value), number);
-}
-
-const NumberCase kNumbers[] = {
-    {3.0, "3"},
-    {3.25, "3.250000"},
-    {1.5, "1.500000"},
-    {-1.5, "-1"},  // a negative fraction prints truncated
-    {0.0, "0"},
-    {-0.0, "0"},
-    {0.1, "0.100000"},
-    {-7.0, "-7"},
-    {1234567.125, "1234567.125000"},
-    {4294967296.0, "4294967296"},
-    {1e20, "-9223372036854775808"},  // out of the integer range: the indefinite integer
-    {std::numeric_limits<double>::quiet_NaN(), "-9223372036854775808"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Values, NumberFormatting, testing::ValuesIn(kNumbers));
-
-TEST(MonitorElementPrinting, CounterWithEmptyUnitKeepsTheBlank) {
-    EXPECT_EQ(counterText(7.0, ""), std::string(19, ' ') + "7 ");
-}
-
-TEST(MonitorElementPrinting, StreamAdjustmentAppliesAndManipulatorsStaySet) {
-    CMonitorElement element("A/B", "ms");
+TEST(MonitorElementPrinting, FieldWidthAndManipulators) {
+    CMonitorElement element("Root/12/Stats", "ms");
     element.set(3.25);
     std::ostringstream stream;
-    stream << std::left;
-    element.printCounter(stream);
-    stream << '|' << 2.5;
-    EXPECT_EQ(stream.str(), "3.250000" + std::string(12, ' ') + " ms|2.500000");
-}
-
-TEST(MonitorElementPrinting, IdentifierTakesTheFieldWidthAsAWhole) {
-    const CMonitorElement element("Root/12/Stats", "");
-    std::ostringstream stream;
     stream << std::setw(16) << std::left;
-    element.printIdentifier(stream);
+    element.printIdentifier(stream);  // the path takes the field width as a whole
     stream << '|';
-    EXPECT_EQ(stream.str(), "Root/12/Stats   |");
+    element.printCounter(stream);  // the adjustment applies, the notation stays set
+    stream << '|' << 2.5;
+    EXPECT_EQ(stream.str(), "Root/12/Stats   |3.250000" + std::string(12, ' ') + " ms|2.500000");
+
+    const CMonitorElement noUnit("A", "");
+    std::ostringstream counter;
+    noUnit.printCounter(counter);
+    EXPECT_EQ(counter.str(), std::string(19, ' ') + "0 ");  // the blank stays
 }
 
 TEST(MonitorElementValue, WritersChangeTheValueAsDocumented) {
@@ -112,110 +75,82 @@ TEST(MonitorElementValue, WritersChangeTheValueAsDocumented) {
     EXPECT_EQ(element.get(), -5.5);
     element.reset();
     EXPECT_EQ(element.get(), 0.0);
-}
-
-TEST(MonitorElementValue, LargeIncrementRoundsInTheConversion) {
-    CMonitorElement element("A", "");
-    const std::uint64_t n = (1ull << 53) + 1;
-    element.increment(n);
+    element.increment((1ull << 53) + 1);  // rounds in the conversion
     EXPECT_EQ(element.get(), 9007199254740992.0);
-}
 
-TEST(MonitorElementValue, SetRatio) {
-    struct {
+    const struct {
         double part, whole, expected;
-    } const cases[] = {
-        {5, 0, 0.0},
-        {1, 4, 25.0},
-        {3, 2, 150.0},
-        {1, -1, 0.0},
-        {1, std::numeric_limits<double>::quiet_NaN(), 0.0},
-    };
-    CMonitorElement element("A", "%");
-    for (const auto& c : cases) {
+    } ratios[] = {{5, 0, 0.0}, {1, 4, 25.0}, {3, 2, 150.0}, {1, -1, 0.0}, {1, kNaN, 0.0}};
+    for (const auto& c : ratios) {
         element.set(99.0);
         element.setRatio(c.part, c.whole);
         EXPECT_EQ(element.get(), c.expected) << c.part << " of " << c.whole;
     }
 }
 
-TEST(MonitorElementValue, StopWithoutStartMeasuresFromTheClockEpoch) {
-    CMonitorElement element("A", "s");
-    element.stop();
-    const double expected =
-        static_cast<double>(Tessel::Platform::GetSystemTimeTicks()) / 10000000.0;
-    EXPECT_NEAR(element.get(), expected, 5.0);
-}
+TEST(MonitorElementValue, StartStopAndSynchronize) {
+    CMonitorElement fromEpoch("A", "s");
+    fromEpoch.stop();  // without a start: seconds since the clock's epoch
+    EXPECT_NEAR(fromEpoch.get(),
+                static_cast<double>(Tessel::Platform::GetSystemTimeTicks()) / 10000000.0, 5.0);
 
-TEST(MonitorElementValue, StartStopMeasuresSeconds) {
-    CMonitorElement element("A", "s");
-    element.set(42.0);
-    element.start();
-    EXPECT_EQ(element.get(), 42.0);  // start leaves the value
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_GE(element.getTimeDiffFromStart(), 0.015);
-    element.stop();
-    EXPECT_GE(element.get(), 0.015);
-    EXPECT_LT(element.get(), 60.0);
-}
-
-TEST(MonitorElementValue, SynchronizeTakesValueAndTimesOnly) {
     CMonitorElement source("A/Source", "ms");
+    source.set(42.0);
     source.start();
+    EXPECT_EQ(source.get(), 42.0);  // start leaves the value
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_GE(source.getTimeDiffFromStart(), 0.015);
     source.stop();
+    EXPECT_GE(source.get(), 0.015);
+    EXPECT_LT(source.get(), 60.0);
+
     source.set(17.0);
     CMonitorElement target("B/Target", "s");
     target.synchronize(source);
     EXPECT_EQ(target.get(), 17.0);
+    EXPECT_NEAR(target.getTimeDiffFromStart(), source.getTimeDiffFromStart(), 1.0);
     EXPECT_EQ(target.getPath(), "B/Target");
     EXPECT_EQ(target.getUnit(), "s");
 }
 
 TEST(MonitorElementValue, ConcurrentIncrementsAreNotLost) {
     CMonitorElement element("A", "");
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&element] {
-            for (int i = 0; i < 100000; ++i) {
-                element.increment(1);
-                ++element;
-                --element;
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&element] {
+                for (int i = 0; i < 100000; ++i) {
+                    element.increment(1);
+                    ++element;
+                    --element;
+                }
+            });
+        }
     }
     EXPECT_EQ(element.get(), 400000.0);
 }
 
-TEST(MonitorElementIdentity, ParsingKeepsEmptyElements) {
-    const CMonitorElement element("/A//B/", "");
+TEST(MonitorElementIdentity, PathElementsIdentifierAndUnit) {
+    const CMonitorElement empties("/A//B/", "");
     std::vector<std::string> seen;
-    element.iterateIdentifier([&](unsigned char index, unsigned char count, const char* text) {
+    empties.iterateIdentifier([&](unsigned char index, unsigned char count, const char* text) {
         EXPECT_EQ(index, seen.size());
         EXPECT_EQ(count, 5);
         seen.emplace_back(text);
         return true;
     });
     EXPECT_EQ(seen, (std::vector<std::string>{"", "A", "", "B", ""}));
-    EXPECT_EQ(element.getPath(), "/A//B/");
-}
+    EXPECT_EQ(empties.getPath(), "/A//B/");
 
-TEST(MonitorElementIdentity, IterationStopsWhenTheVisitorSaysSo) {
-    const CMonitorElement element("A/B/C/D", "");
+    const CMonitorElement element("Root/123/Stats", "");
     int calls = 0;
     element.iterateIdentifier(
         [&](unsigned char, unsigned char, const char*) { return ++calls < 2; });
-    EXPECT_EQ(calls, 2);
-    int emptyCalls = 0;
-    CMonitorElement().iterateIdentifier(
-        [&](unsigned char, unsigned char, const char*) { return ++emptyCalls > 0; });
-    EXPECT_EQ(emptyCalls, 0);
-}
-
-TEST(MonitorElementIdentity, PathElementsAndIdentifier) {
-    const CMonitorElement element("Root/123/Stats", "");
+    EXPECT_EQ(calls, 2);  // stopped by the visitor
+    CMonitorElement().iterateIdentifier([&](unsigned char, unsigned char, const char*) {
+        ADD_FAILURE() << "an empty element has no path elements";
+        return true;
+    });
     EXPECT_EQ(element.getPathElement(0), "Root");
     EXPECT_EQ(element.getPathElement(2), "Stats");
     EXPECT_EQ(element.getPathElement(3), "");
@@ -224,14 +159,10 @@ TEST(MonitorElementIdentity, PathElementsAndIdentifier) {
     EXPECT_EQ(element.getIdentifier(9), "Stats");
     EXPECT_EQ(element.getIdentifier(14), "Root/123/Stats");  // skip at the length
     EXPECT_EQ(element.getIdentifier(100), "Root/123/Stats");
-}
-
-TEST(MonitorElementIdentity, UnitIsCutToTenCharacters) {
     EXPECT_EQ(CMonitorElement("A", "abcdefghijklmn").getUnit(), "abcdefghij");
-    EXPECT_EQ(CMonitorElement("A", "ms").getUnit(), "ms");
 }
 
-TEST(MonitorElementIdentity, OrderIsByPathElement) {
+TEST(MonitorElementIdentity, OrderAndEqualityLookOnlyAtThePath) {
     const CMonitorElement comparator;
     const CMonitorElement ab("A/B", ""), abc("A/B/C", ""), a0b("A0/B", ""), aB("a/B", "");
     EXPECT_TRUE(comparator(ab, abc));   // a prefix sorts first
@@ -239,9 +170,7 @@ TEST(MonitorElementIdentity, OrderIsByPathElement) {
     EXPECT_FALSE(comparator(a0b, abc));
     EXPECT_TRUE(comparator(ab, aB));  // case-sensitive, by byte value
     EXPECT_FALSE(comparator(ab, ab));
-}
 
-TEST(MonitorElementIdentity, EqualityLooksOnlyAtTheIdentifier) {
     CMonitorElement a("X/Y", "ms");
     CMonitorElement b("X/Y", "s");
     a.set(1.0);
@@ -251,64 +180,97 @@ TEST(MonitorElementIdentity, EqualityLooksOnlyAtTheIdentifier) {
     EXPECT_FALSE(a == CMonitorElement("X/Y/", "ms"));
 }
 
-TEST(MonitorElementIdentity, CopiesCarryEverything) {
-    CMonitorElement source("A/B", "ms");
+TEST(MonitorElementIdentity, CopiesAndSetRootName) {
+    CMonitorElement source("UnknownRootName/42/X", "ms");
     source.set(3.5);
     source.start();
     const CMonitorElement copy(source);
     EXPECT_EQ(copy.get(), 3.5);
-    EXPECT_EQ(copy.getPath(), "A/B");
+    EXPECT_EQ(copy.getPath(), "UnknownRootName/42/X");
     EXPECT_EQ(copy.getUnit(), "ms");
     CMonitorElement assigned;
     const CMonitorElement returned = (assigned = source);
     EXPECT_EQ(assigned.get(), 3.5);
-    EXPECT_EQ(returned.getPath(), "A/B");
+    EXPECT_EQ(returned.getPath(), "UnknownRootName/42/X");
     EXPECT_NEAR(assigned.getTimeDiffFromStart(), source.getTimeDiffFromStart(), 1.0);
+
+    source.setRootName("Collector");
+    EXPECT_EQ(source.getPath(), "Collector/42/X");
+    EXPECT_EQ(source.get(), 3.5);
+    EXPECT_EQ(source.getUnit(), "ms");
+    EXPECT_TRUE(source.match("collector/42/**"));
 }
 
-TEST(MonitorElementIdentity, SetRootNameReplacesTheFirstElement) {
-    CMonitorElement element("UnknownRootName/42/Stats/X", "ms");
-    element.set(5.0);
-    element.setRootName("Collector");
-    EXPECT_EQ(element.getPath(), "Collector/42/Stats/X");
-    EXPECT_EQ(element.get(), 5.0);
-    EXPECT_EQ(element.getUnit(), "ms");
-    EXPECT_TRUE(element.match("collector/42/**"));
+TEST(MonitorElementLimits, NamesPastTheLimitsAreRefusedAndLogged) {
+    EXPECT_TRUE(CMonitorElement::IsValidName(std::string(199, 'a')));
+    EXPECT_FALSE(CMonitorElement::IsValidName(std::string(200, 'a')));
+    EXPECT_TRUE(CMonitorElement::IsValidName(std::string(19, '/') + "a"));  // 20 path elements
+    EXPECT_FALSE(CMonitorElement::IsValidName(std::string(20, '/') + "a"));
+
+    TesselTest::LogCapture log;
+    const CMonitorElement refused(std::string(250, 'a'), "ms");
+    EXPECT_EQ(refused.getPath(), "");
+    EXPECT_EQ(refused.getPathElement(0), "");
+    const std::string longPath = std::string("R/").append(190, 'b');
+    const CMonitorElement element(longPath, "");
+    element.setRootName(std::string(20, 'r'));  // would overflow
+    EXPECT_EQ(element.getPath(), longPath);
+    EXPECT_THAT(log.text(),
+                HasSubstr(" error [CMonitorElement::CMonitorElement] Monitor element name ("));
+    EXPECT_THAT(log.text(), HasSubstr("[CMonitorElement::setRootName]"));
 }
 
-TEST(MonitorElementLimits, NamesAtAndPastTheLimits) {
-    struct {
-        std::string name;
-        bool valid;
-    } const cases[] = {
-        {std::string(199, 'a'), true},
-        {std::string(200, 'a'), false},
-        {"a" + std::string(19, '/'), true},  // 20 path elements
-        {"a" + std::string(20, '/'), false},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(CMonitorElement::IsValidName(c.name), c.valid) << c.name;
+// The filter match: '/' separates path elements, a star matches within one element up to the
+// filter's next character (stopping at its first occurrence), a double star across elements
+// (a failed run is not re-examined from its second character, and a run never matches up to a
+// '/'), a trailing star all that remains; case is ignored; an empty filter matches only a
+// single empty element; a star and a delimiter at the end need one more, empty, element.
+TEST(MonitorElementMatch, FiltersThatMatchAPathAndFiltersThatDoNot) {
+    // "path filter"
+    for (const std::string pair : {"A/B/C A/B/C",
+                                   "A/B/C a/b/c",
+                                   "A/B/C A/*/C",
+                                   "A/B/C */B/C",
+                                   "A/B/C *",
+                                   "A/B/C A/*",
+                                   "A/B/C A/B*",
+                                   "A/B/C **",
+                                   "A/B/C A/**",
+                                   "A/B/C **C",
+                                   " ",
+                                   "A A*",
+                                   "A/BC A/*C",
+                                   "A/BCD A/*D",
+                                   "A/BCD A/B*",
+                                   "A/BXC A/B*C",
+                                   "A/B/ A/*/",
+                                   "A/BX/C **B*",
+                                   "X/Stats/Threads **threads",
+                                   "aab **ab",
+                                   "Proc/12/Threads/7/State Proc/*/Threads/**State",
+                                   "Proc/12/Threads/7/State PROC/1*/THREADS/*/STATE"}) {
+        const std::size_t blank = pair.find(' ');
+        EXPECT_TRUE(CMonitorElement(pair.substr(0, blank), "").match(pair.substr(blank + 1)))
+            << pair;
     }
-}
-
-TEST(MonitorElementLimits, RefusedNameLeavesAnElementWithoutPathAndLogs) {
-    TesselTest::LogCapture logCapture1;
-    const CMonitorElement element(std::string(250, 'a'), "ms");
-    const std::string log = logCapture1.text();
-    EXPECT_EQ(element.getPath(), "");
-    EXPECT_EQ(element.getPathElement(0), "");
-    EXPECT_NE(log.find(" error [CMonitorElement::CMonitorElement] Monitor element name ("),
-              std::string::npos)
-        << log;
-}
-
-TEST(MonitorElementLimits, SetRootNameThatWouldOverflowIsRefused) {
-    const CMonitorElement element("R/" + std::string(190, 'b'), "");
-    TesselTest::LogCapture logCapture2;
-    element.setRootName(std::string(20, 'r'));
-    const std::string log = logCapture2.text();
-    EXPECT_EQ(element.getPath(), "R/" + std::string(190, 'b'));
-    EXPECT_NE(log.find("[CMonitorElement::setRootName]"), std::string::npos) << log;
+    for (const std::string pair :
+         {"A/B/C A/B", "A/B/C A/B/C/", "A/B/C A/B/CD", "A/B/C A/X/C", "A/B/C A*C", "A/B/C A/*/",
+          "A/B/C **B", "A/B/C **b/C", "A/B/C A/**/C", "A/B/C **/C", "A ", "A/B/B/C A/*/C",
+          "A/BDD A/*D", "A/B A/*/", "aaab **aab",
+          "Proc/12/Threads/7/State Proc/*/Threads/**Stat"}) {
+        const std::size_t blank = pair.find(' ');
+        EXPECT_FALSE(CMonitorElement(pair.substr(0, blank), "").match(pair.substr(blank + 1)))
+            << pair;
+    }
+    // A filter of 200 characters or with a NUL, and an element without path, match nothing.
+    const std::string path(199, 'x');
+    EXPECT_TRUE(CMonitorElement(path, "").match(path));
+    EXPECT_TRUE(CMonitorElement(path, "").match(std::string(198, 'x') + "*"));
+    EXPECT_FALSE(CMonitorElement(path, "").match(path + "*"));
+    EXPECT_FALSE(CMonitorElement("A/B", "").match(std::string("A/B\0", 4)));
+    EXPECT_FALSE(CMonitorElement("A/B", "").match(std::string("A\0/B", 4)));
+    EXPECT_FALSE(CMonitorElement().match(""));
+    EXPECT_FALSE(CMonitorElement().match("*"));
 }
 
 }  // namespace

@@ -1,41 +1,37 @@
+// The process monitor's element tree and cycle, its stack traces, and the duration counters.
 #include "tessel/monitoring/MonitorProcess.h"
 
-#include <arpa/inet.h>
-#include <dirent.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
-#include <netinet/in.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/NetworkClient.h"
 #include "support/ParkedThread.h"
 #include "tessel/host/Registry.h"
 #include "tessel/host/TempDirectory.h"
-#include "tessel/monitoring/MonitorElementContainer.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorElementObserver.h"
 #include "tessel/monitoring/ProcessingTimeMonitorCounters.h"
 #include "tessel/platform/ExecutableVersion.h"
-#include "tessel/platform/StackTrace.h"
+#include "tessel/platform/Process.h"
 
 TESSEL_EXECUTABLE_VERSION("7.7.0.9062")
 
@@ -47,630 +43,368 @@ class MonitorProcessTestAccess {
 
 namespace {
 
+using testing::HasSubstr;
+
+using namespace std::chrono_literals;
+using Elements = std::map<std::string, CMonitorElement>;
+using TesselTest::eventually;
 using TesselTest::ParkedThread;
-
-struct Seen {
-    double value;
-    std::string unit;
-};
-
-// Copies every element that a pass hands over.
-class CollectingObserver : public CMonitorElementObserver {
-  public:
-    void beginUpdate() override {}
-    void updateElement(CMonitorElement& element) override {
-        seen[element.getPath()] = Seen{element.get(), element.getUnit()};
-    }
-    void endUpdate() override {}
-    std::map<std::string, Seen> seen;
-};
 
 MonitorElementDatabase& db() {
     return MonitorElementDatabase::getInstance();
 }
 
-std::map<std::string, Seen> snapshot() {
-    CollectingObserver observer;
+// Copies of every element, by path.
+Elements snapshot() {
+    struct Copies : CMonitorElementObserver {
+        void beginUpdate() override {}
+        void updateElement(CMonitorElement& element) override {
+            seen.emplace(element.getPath(), element);
+        }
+        void endUpdate() override {}
+        Elements seen;
+    } observer;
     observer.setFilter("**");
     db().update(observer);
     return observer.seen;
 }
 
-std::string pid() {
-    return std::to_string(::getpid());
+// What a pass of an observer in mode over filter writes.
+std::string render(CMonitorElementObserver::eObserverMode mode, const std::string& filter) {
+    std::ostringstream text;
+    CMonitorElementObserver observer(&text);
+    observer.setMode(mode);
+    observer.setFilter(filter);
+    db().update(observer);
+    return text.str();
 }
 
-long threadId() {
-    return static_cast<long>(::syscall(SYS_gettid));
+// An element of the process's own path.
+std::string own(const std::string& name, const std::string& root = "UnknownRootName") {
+    return root + "/" + std::to_string(::getpid()) + "/" + name;
 }
 
-// The element of the process's own path that ends in "<pid>/<name>", whatever the root name.
-const Seen* processElement(const std::map<std::string, Seen>& all, const std::string& name) {
-    const std::string tail = "/" + pid() + "/" + name;
-    for (const auto& entry : all) {
-        if (entry.first.size() > tail.size() &&
-            entry.first.compare(entry.first.size() - tail.size(), tail.size(), tail) == 0 &&
-            entry.first.find('/') == entry.first.size() - tail.size()) {
-            return &entry.second;
-        }
+// The value of the element at path; a failure and NaN when there is none.
+double valueOf(const Elements& all, const std::string& path) {
+    const auto found = all.find(path);
+    EXPECT_NE(found, all.end()) << path;
+    return found == all.end() ? std::numeric_limits<double>::quiet_NaN() : found->second.get();
+}
+
+// Expects the element prefix + name with its unit for every "name[ unit]" entry and, if
+// complete, no other element under prefix.
+void expectTree(const Elements& all, const std::string& prefix,
+                const std::vector<std::string>& entries, bool complete = true) {
+    for (const std::string& entry : entries) {
+        const std::size_t blank = entry.find(' ');
+        const auto found = all.find(prefix + entry.substr(0, blank));
+        ASSERT_NE(found, all.end()) << entry;
+        EXPECT_EQ(found->second.getUnit(),
+                  blank == std::string::npos ? "" : entry.substr(blank + 1))
+            << entry;
     }
-    return nullptr;
-}
-
-const Seen* serverElement(const std::map<std::string, Seen>& all, const std::string& name) {
-    const auto found = all.find("Server/" + name);
-    return found == all.end() ? nullptr : &found->second;
-}
-
-std::vector<long> liveThreads() {
-    std::vector<long> ids;
-    DIR* dir = ::opendir("/proc/self/task");
-    while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            ids.push_back(std::atol(entry->d_name));
-        }
+    if (complete) {
+        EXPECT_EQ(std::count_if(all.begin(), all.end(),
+                                [&](const auto& entry) { return entry.first.starts_with(prefix); }),
+                  entries.size())
+            << prefix;
     }
-    ::closedir(dir);
+}
+
+std::vector<std::string> liveThreads() {
+    std::vector<std::string> ids;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        ids.push_back(task.path().filename().string());
+    }
     return ids;
 }
 
-long long meminfo(const std::string& key) {
-    std::ifstream in("/proc/meminfo");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.compare(0, key.size(), key) == 0) {
-            return std::atoll(line.c_str() + key.size());
-        }
-    }
-    return -1;
+double upTime(const std::string& root) {
+    return valueOf(snapshot(), own("ProcessInfo/Stats/UpTime", root));
 }
-
-// Polls until condition holds; fails the test after 20 s (a safety net, not a measure).
-template <typename Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
-
-// After a join the kernel may list the thread for a moment longer; waits until it does not.
-bool goneFromTheKernel(long id) {
-    const std::string path = "/proc/self/task/" + std::to_string(id);
-    return eventually([&] {
-        struct stat st;
-        return ::stat(path.c_str(), &st) != 0;
-    });
-}
-
-double upTime() {
-    const auto all = snapshot();
-    const Seen* seen = processElement(all, "ProcessInfo/Stats/UpTime");
-    return seen == nullptr ? -1.0 : seen->value;
-}
-
-// --- the element tree ---
 
 TEST(MonitorProcess, InitPublishesTheWholeTreeWithItsUnits) {
     MonitorElementDatabase::init("MpTree");
-    ASSERT_TRUE(eventually([] { return upTime() >= 1.0; }));
-    const auto all = snapshot();
+    ASSERT_TRUE(eventually([] { return upTime("MpTree") >= 1.0; }, 20s));
+    const Elements all = snapshot();
+    expectTree(all, "Server/",
+               {"Stats/CPU %", "Stats/Processors", "Memory/MemoryLoad %", "Memory/TotalPhys MB",
+                "Memory/AvailPhys MB", "Memory/TotalPageFile MB", "Memory/AvailPageFile MB",
+                "Memory/TotalVirtual MB", "Memory/AvailVirtual MB",
+                "Memory/AvailExtendedVirtual MB", "Dev/C/Free %", "Dev/C/Used MB", "Dev/C/Total MB",
+                "Dev/D/Free %", "Dev/D/Used MB", "Dev/D/Total MB", "DumpCount"},
+               false);
+    // Exactly these, no name made unique by a suffix.
+    const std::string stats = own("ProcessInfo/", "MpTree");
+    expectTree(all, stats,
+               {"Stats/ThreadCount", "Stats/HandleCount", "Stats/CPU %", "Stats/UpTime s",
+                "Stats/Build", "Stats/ApplicationVersionNumber", "Stats/PID", "Stats/HeartBeat",
+                "Memory/PageFaultCount", "Memory/PeakWorkingSetSize MB", "Memory/WorkingSetSize MB",
+                "Memory/QuotaPeakPagedPoolUsage MB", "Memory/QuotaPeakNonPagedPoolUsage MB",
+                "Memory/QuotaNonPagedPoolUsage MB", "Memory/PagefileUsage MB",
+                "Memory/PeakPagefileUsage MB", "Memory/PrivateUsage MB"});
 
-    const std::map<std::string, std::string> server = {
-        {"Stats/CPU", "%"},
-        {"Stats/Processors", ""},
-        {"Memory/MemoryLoad", "%"},
-        {"Memory/TotalPhys", "MB"},
-        {"Memory/AvailPhys", "MB"},
-        {"Memory/TotalPageFile", "MB"},
-        {"Memory/AvailPageFile", "MB"},
-        {"Memory/TotalVirtual", "MB"},
-        {"Memory/AvailVirtual", "MB"},
-        {"Memory/AvailExtendedVirtual", "MB"},
-        {"Dev/C/Free", "%"},
-        {"Dev/C/Used", "MB"},
-        {"Dev/C/Total", "MB"},
-        {"Dev/D/Free", "%"},
-        {"Dev/D/Used", "MB"},
-        {"Dev/D/Total", "MB"},
-        {"DumpCount", ""},
-    };
-    for (const auto& [name, unit] : server) {
-        const Seen* seen = serverElement(all, name);
-        ASSERT_NE(seen, nullptr) << name;
-        EXPECT_EQ(seen->unit, unit) << name;
+    // What the monitor computes itself.
+    EXPECT_EQ(valueOf(all, stats + "Stats/PID"), static_cast<double>(::getpid()));
+    EXPECT_EQ(valueOf(all, stats + "Stats/Build"), 9062.0);
+    EXPECT_EQ(valueOf(all, stats + "Stats/ApplicationVersionNumber"), 707009062.0);
+    EXPECT_EQ(valueOf(all, stats + "Stats/HeartBeat"), 0.0);
+    for (const std::string& percent : {stats + "Stats/CPU", std::string("Server/Stats/CPU"),
+                                       std::string("Server/Memory/MemoryLoad")}) {
+        EXPECT_GE(valueOf(all, percent), 0.0) << percent;
+        EXPECT_LE(valueOf(all, percent), 100.0) << percent;
     }
-    const std::string base = "MpTree/" + pid() + "/";
-    const std::map<std::string, std::string> process = {
-        {"ProcessInfo/Stats/ThreadCount", ""},
-        {"ProcessInfo/Stats/HandleCount", ""},
-        {"ProcessInfo/Stats/CPU", "%"},
-        {"ProcessInfo/Stats/UpTime", "s"},
-        {"ProcessInfo/Stats/Build", ""},
-        {"ProcessInfo/Stats/ApplicationVersionNumber", ""},
-        {"ProcessInfo/Stats/PID", ""},
-        {"ProcessInfo/Stats/HeartBeat", ""},
-        {"ProcessInfo/Memory/PageFaultCount", ""},
-        {"ProcessInfo/Memory/PeakWorkingSetSize", "MB"},
-        {"ProcessInfo/Memory/WorkingSetSize", "MB"},
-        {"ProcessInfo/Memory/QuotaPeakPagedPoolUsage", "MB"},
-        {"ProcessInfo/Memory/QuotaPeakNonPagedPoolUsage", "MB"},
-        {"ProcessInfo/Memory/QuotaNonPagedPoolUsage", "MB"},
-        {"ProcessInfo/Memory/PagefileUsage", "MB"},
-        {"ProcessInfo/Memory/PeakPagefileUsage", "MB"},
-        {"ProcessInfo/Memory/PrivateUsage", "MB"},
-    };
-    for (const auto& [name, unit] : process) {
-        const auto found = all.find(base + name);
-        ASSERT_NE(found, all.end()) << name;
-        EXPECT_EQ(found->second.unit, unit) << name;
-    }
-    // Nothing else of the process's statistics, and no name made unique by a suffix.
-    for (const auto& entry : all) {
-        if (entry.first.rfind(base + "ProcessInfo/", 0) == 0) {
-            EXPECT_EQ(process.count(entry.first.substr(base.size())), 1u) << entry.first;
-        }
-    }
-
-    const auto value = [&](const std::string& name) { return all.at(base + name).value; };
-    EXPECT_EQ(value("ProcessInfo/Stats/PID"), static_cast<double>(::getpid()));
-    EXPECT_EQ(value("ProcessInfo/Stats/Build"), 9062.0);
-    EXPECT_EQ(value("ProcessInfo/Stats/ApplicationVersionNumber"), 707009062.0);
-    EXPECT_EQ(value("ProcessInfo/Stats/HeartBeat"), 0.0);
-    EXPECT_GE(value("ProcessInfo/Stats/CPU"), 0.0);
-    EXPECT_LE(value("ProcessInfo/Stats/CPU"), 100.0);
-    EXPECT_GT(value("ProcessInfo/Stats/HandleCount"), 0.0);
-    EXPECT_GT(value("ProcessInfo/Memory/WorkingSetSize"), 0.0);
-    EXPECT_GE(value("ProcessInfo/Memory/PeakWorkingSetSize"),
-              value("ProcessInfo/Memory/WorkingSetSize"));
-    EXPECT_GT(value("ProcessInfo/Memory/PageFaultCount"), 0.0);
-    EXPECT_EQ(serverElement(all, "Stats/Processors")->value,
-              static_cast<double>(::sysconf(_SC_NPROCESSORS_ONLN)));
-    EXPECT_NEAR(serverElement(all, "Memory/TotalPhys")->value,
-                static_cast<double>(meminfo("MemTotal:") >> 10), 1.0);
-    EXPECT_LE(serverElement(all, "Memory/AvailPhys")->value,
-              serverElement(all, "Memory/TotalPhys")->value);
-    EXPECT_LE(serverElement(all, "Memory/MemoryLoad")->value, 100.0);
-    EXPECT_LE(serverElement(all, "Stats/CPU")->value, 100.0);
-    EXPECT_GE(serverElement(all, "Stats/CPU")->value, 0.0);
-
+    Tessel::Platform::MEMORYSTATUSEX memory;
+    ASSERT_TRUE(Tessel::Platform::GlobalMemoryStatusEx(&memory));
+    EXPECT_EQ(valueOf(all, "Server/Memory/TotalPhys"),
+              static_cast<double>(memory.ullTotalPhys >> 20));
     struct statvfs root;
     ASSERT_EQ(::statvfs("/", &root), 0);
     const std::uint64_t size = static_cast<std::uint64_t>(root.f_blocks) * root.f_frsize;
-    EXPECT_EQ(serverElement(all, "Dev/C/Total")->value, static_cast<double>(size >> 20));
-    EXPECT_LE(serverElement(all, "Dev/C/Used")->value, serverElement(all, "Dev/C/Total")->value);
-    EXPECT_LE(serverElement(all, "Dev/C/Free")->value, 100.0);
+    EXPECT_EQ(valueOf(all, "Server/Dev/C/Total"), static_cast<double>(size >> 20));
+    EXPECT_LE(valueOf(all, "Server/Dev/C/Free"), 100.0);
 
     // One Load element per live thread, and ThreadCount counts them.
-    const std::vector<long> threads = liveThreads();
-    EXPECT_EQ(value("ProcessInfo/Stats/ThreadCount"), static_cast<double>(threads.size()));
-    for (const long id : threads) {
-        const auto load = all.find(base + "Threads/" + std::to_string(id) + "/Load");
-        ASSERT_NE(load, all.end()) << id;
-        EXPECT_EQ(load->second.unit, "%");
-        EXPECT_GE(load->second.value, 0.0);
+    const std::vector<std::string> threads = liveThreads();
+    EXPECT_EQ(valueOf(all, stats + "Stats/ThreadCount"), static_cast<double>(threads.size()));
+    for (const std::string& id : threads) {
+        expectTree(all, own("Threads/" + id + "/", "MpTree"), {"Load %"});
+        EXPECT_GE(valueOf(all, own("Threads/" + id + "/Load", "MpTree")), 0.0);
     }
 }
 
-TEST(MonitorProcess, DriveDIsTheTempDirectorysOtherMountOrStaysZero) {
-    struct stat root, temp;
-    ASSERT_EQ(::stat("/", &root), 0);
-    ASSERT_EQ(::stat(CTempDirectory::GetTempDirectory().c_str(), &temp), 0);
-    MonitorProcess monitor;
-    MonitorProcessTestAccess::updateOnce(monitor);
-    const auto all = snapshot();
-    if (root.st_dev == temp.st_dev) {
-        EXPECT_EQ(serverElement(all, "Dev/D/Free")->value, 0.0);
-        EXPECT_EQ(serverElement(all, "Dev/D/Used")->value, 0.0);
-        EXPECT_EQ(serverElement(all, "Dev/D/Total")->value, 0.0);
-    } else {
-        struct statvfs fs;
-        ASSERT_EQ(::statvfs(CTempDirectory::GetTempDirectory().c_str(), &fs), 0);
-        const std::uint64_t size = static_cast<std::uint64_t>(fs.f_blocks) * fs.f_frsize;
-        EXPECT_EQ(serverElement(all, "Dev/D/Total")->value, static_cast<double>(size >> 20));
-    }
-}
-
-TEST(MonitorProcess, AThreadThatEndsLosesItsElementInTheNextCycle) {
-    MonitorProcess monitor;
-    auto parked = std::make_unique<ParkedThread>();
-    const std::string load = "Threads/" + std::to_string(parked->id()) + "/Load";
-    MonitorProcessTestAccess::updateOnce(monitor);
-    auto all = snapshot();
-    ASSERT_NE(processElement(all, load), nullptr);
-    const double count = processElement(all, "ProcessInfo/Stats/ThreadCount")->value;
-    EXPECT_EQ(count, static_cast<double>(liveThreads().size()));
-
-    const long id = parked->id();
-    parked.reset();
-    ASSERT_TRUE(goneFromTheKernel(id));
-    MonitorProcessTestAccess::updateOnce(monitor);
-    all = snapshot();
-    EXPECT_EQ(processElement(all, load), nullptr);
-    EXPECT_EQ(processElement(all, "ProcessInfo/Stats/ThreadCount")->value, count - 1);
-}
-
-TEST(MonitorProcess, ABusyThreadShowsItsLoad) {
-    MonitorProcess monitor;
-    std::atomic<bool> stop{false};
-    std::atomic<long> busyId{0};
-    std::thread busy([&] {
-        busyId = threadId();
-        volatile std::uint64_t sink = 0;
-        while (!stop) {
-            sink = sink + 1;
-        }
-    });
-    ASSERT_TRUE(eventually([&] { return busyId != 0; }));
-    const std::string load = "Threads/" + std::to_string(busyId) + "/Load";
-    MonitorProcessTestAccess::updateOnce(monitor);
-    // Loads are shares of one processor over the time between two samples; a spinning
-    // thread shows one once it has been given a clock tick.
-    const bool shown = eventually([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        MonitorProcessTestAccess::updateOnce(monitor);
-        const auto all = snapshot();
-        const Seen* seen = processElement(all, load);
-        return seen != nullptr && seen->value > 0.0;
-    });
-    stop = true;
-    busy.join();
-    EXPECT_TRUE(shown);
-}
-
-// --- dump files ---
-
-void touch(const std::string& path) {
-    std::ofstream(path) << "x";
-}
-
-TEST(MonitorProcess, DumpCountCountsDmpFilesOfBothTempDirectories) {
+TEST(MonitorProcess, CyclesPublishDriveDTheLoopbackDeviceAndTheDumpFiles) {
     // The second temp directory is read from the registry once per process.
     char secondTemplate[] = "/tmp/tessel-ondrel-XXXXXX";
     ASSERT_NE(::mkdtemp(secondTemplate), nullptr);
     const std::string second = std::string(secondTemplate) + "/";
     REG::Write("SOFTWARE\\Tarvo Works\\GPS Velkor\\ONDREL", "TempPath", second.c_str());
-    const bool secondInUse = CTempDirectory::GetOndrelTempDirectory() == second;
-
+    ASSERT_EQ(CTempDirectory::GetOndrelTempDirectory(), second);
     const std::string temp = CTempDirectory::GetTempDirectory();
     MonitorProcess monitor;
     MonitorProcessTestAccess::updateOnce(monitor);
-    EXPECT_EQ(serverElement(snapshot(), "DumpCount")->value, 0.0);
+    Elements all = snapshot();
 
+    // Drive d: is the temp directory's file system when that is another mount, else 0.
+    struct stat rootStat, tempStat;
+    struct statvfs tempFs;
+    ASSERT_TRUE(::stat("/", &rootStat) == 0 && ::stat(temp.c_str(), &tempStat) == 0 &&
+                ::statvfs(temp.c_str(), &tempFs) == 0);
+    const bool ownMount = rootStat.st_dev != tempStat.st_dev;
+    const std::uint64_t size = static_cast<std::uint64_t>(tempFs.f_blocks) * tempFs.f_frsize;
+    EXPECT_EQ(valueOf(all, "Server/Dev/D/Total"), ownMount ? static_cast<double>(size >> 20) : 0.0);
+    if (!ownMount) {
+        EXPECT_EQ(valueOf(all, "Server/Dev/D/Free"), 0.0);
+        EXPECT_EQ(valueOf(all, "Server/Dev/D/Used"), 0.0);
+    }
+
+    const std::string lo = "Server/Net/Loopback" + std::to_string(::if_nametoindex("lo")) + "/";
+    expectTree(all, lo,
+               {"Upload kB", "Download kB", "UpLoadSpeed kB/s", "DownLoadSpeed kB/s",
+                "Bandwidth kB/s", "Mtu bytes"});
+    const double uploadBefore = valueOf(all, lo + "Upload");
+    ASSERT_TRUE(TesselTest::SendOverLoopback(10240, 20));  // 200 kB
+    const auto touch = [](const std::string& path) { std::ofstream(path) << "x"; };
     for (const char* name : {"a.dmp", "b.dmp", "c_FULLMEM.dmp", "d.txt", "e.dmp.bak", "fdmp"}) {
         touch(temp + name);
     }
-    ::mkdir((temp + "sub").c_str(), 0700);
+    std::filesystem::create_directory(temp + "sub");
     touch(temp + "sub/g.dmp");  // not directly in the folder
+    EXPECT_EQ(valueOf(all, "Server/DumpCount"), 0.0);
     MonitorProcessTestAccess::updateOnce(monitor);
-    EXPECT_EQ(serverElement(snapshot(), "DumpCount")->value, 3.0);
-
-    touch(second + "h.dmp");
-    touch(second + "i.dmp");
-    touch(second + "j.log");
-    MonitorProcessTestAccess::updateOnce(monitor);
-    if (secondInUse) {
-        EXPECT_EQ(serverElement(snapshot(), "DumpCount")->value, 5.0);
-    } else {
-        ADD_FAILURE() << "the temp directories were read before this test; run it alone";
+    all = snapshot();
+    double mtu = 0;
+    std::ifstream("/sys/class/net/lo/mtu") >> mtu;
+    EXPECT_EQ(valueOf(all, lo + "Mtu"), mtu);
+    // The 32-bit counter may wrap in between, which the test cannot tell from a fault.
+    const double uploadAfter = valueOf(all, lo + "Upload");
+    if (uploadAfter >= uploadBefore) {
+        EXPECT_GE(uploadAfter - uploadBefore, 190.0);
+        EXPECT_GT(valueOf(all, lo + "UpLoadSpeed"), 0.0);
     }
-    std::system(("rm -rf " + second).c_str());
-}
 
-TEST(MonitorProcess, AnExceptionWhileCountingIsLoggedAndTheCountStored) {
+    // DumpCount counts the .dmp files directly in both temp directories.
+    EXPECT_EQ(valueOf(all, "Server/DumpCount"), 3.0);
+    for (const char* name : {"h.dmp", "i.dmp", "j.log"}) {
+        touch(second + name);
+    }
+    MonitorProcessTestAccess::updateOnce(monitor);
+    EXPECT_EQ(valueOf(snapshot(), "Server/DumpCount"), 5.0);
+    // A temp directory that cannot be listed: the exception is logged and 0 stored.
     TesselTest::LogCapture log;
-    const std::string temp = CTempDirectory::GetTempDirectory();
-    const std::string notAFolder = temp + "not-a-folder";
-    touch(notAFolder);
-    CTempDirectory::SetTempDirectory(notAFolder);
-    MonitorProcess monitor;
+    touch(temp + "not-a-folder");
+    CTempDirectory::SetTempDirectory(temp + "not-a-folder");
+    MonitorProcess broken;
     CTempDirectory::SetTempDirectory(temp);
-
-    CMonitorElement* dumpCount = db().findOrAdd("/Server/DumpCount", "");
-    dumpCount->set(42.0);
-    MonitorProcessTestAccess::updateOnce(monitor);
-    EXPECT_EQ(dumpCount->get(), 0.0);
-    const std::string text = log.text();
-    EXPECT_NE(text.find("[MonitorProcess::updateDumpCounter] Exception: "), std::string::npos)
-        << text;
+    MonitorProcessTestAccess::updateOnce(broken);
+    EXPECT_EQ(valueOf(snapshot(), "Server/DumpCount"), 0.0);
+    EXPECT_THAT(log.text(), HasSubstr("[MonitorProcess::updateDumpCounter] Exception: "));
+    std::filesystem::remove_all(second);
 }
 
-// --- heartbeat and uptime ---
-
-TEST(MonitorProcess, EveryCycleRefreshesTheHeartBeat) {
-    MonitorProcess monitor;
-    const auto all = snapshot();
-    ASSERT_NE(processElement(all, "ProcessInfo/Stats/HeartBeat"), nullptr);
-    CMonitorElement* heartBeat =
-        db().findOrAdd("/UnknownRootName/" + pid() + "/ProcessInfo/Stats/HeartBeat", "");
-    const double never = heartBeat->getTimeDiffFromStart();
-    MonitorProcessTestAccess::updateOnce(monitor);
-    const double first = heartBeat->getTimeDiffFromStart();
-    EXPECT_LT(first, never);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const double beforeSecond = heartBeat->getTimeDiffFromStart();
-    EXPECT_GT(beforeSecond, first);
-    MonitorProcessTestAccess::updateOnce(monitor);
-    EXPECT_LT(heartBeat->getTimeDiffFromStart(), beforeSecond);
-    EXPECT_EQ(heartBeat->get(), 0.0);
-}
-
-TEST(MonitorProcess, UpTimeCountsCyclesOneByOne) {
-    MonitorElementDatabase::init("MpUpTime");
-    std::vector<double> seen{upTime()};
-    ASSERT_TRUE(eventually([&] {
-        const double now = upTime();
-        if (now != seen.back()) {
-            seen.push_back(now);
+TEST(MonitorProcess, ThreadElementsFollowTheThreadsAndGoWithTheMonitor) {
+    const std::uint64_t elementsBefore = db().getLocalElementCount();
+    auto monitor = std::make_unique<MonitorProcess>();
+    ParkedThread parked;
+    std::atomic<long> busyId{0};
+    std::jthread busy([&](std::stop_token stop) {
+        busyId = static_cast<long>(Tessel::Platform::GetCurrentThreadId());
+        while (!stop.stop_requested()) {
         }
-        return now >= 3.0;
-    }));
+    });
+    ASSERT_TRUE(eventually([&] { return busyId != 0; }));
+    const std::string parkedLoad = own("Threads/" + std::to_string(parked.id()) + "/Load");
+    const std::string busyLoad = own("Threads/" + std::to_string(busyId) + "/Load");
+    const std::string threadCount = own("ProcessInfo/Stats/ThreadCount");
+    MonitorProcessTestAccess::updateOnce(*monitor);
+    Elements all = snapshot();
+    EXPECT_EQ(all.count(parkedLoad), 1u);
+    const double count = valueOf(all, threadCount);
+    EXPECT_EQ(count, static_cast<double>(liveThreads().size()));
+    // A load is the share of one processor between two samples; a spinning thread shows one
+    // once it has been given a clock tick.
+    EXPECT_TRUE(eventually(
+        [&] {
+            MonitorProcessTestAccess::updateOnce(*monitor);
+            return valueOf(snapshot(), busyLoad) > 0.0;
+        },
+        20s, 50ms));
+    busy.request_stop();
+    busy.join();
+    parked.release();
+    // After a join the kernel may list a thread for a moment longer.
+    for (const long id : {parked.id(), busyId.load()}) {
+        const std::string task = "/proc/self/task/" + std::to_string(id);
+        ASSERT_TRUE(eventually([&] { return ::access(task.c_str(), F_OK) != 0; }));
+    }
+    MonitorProcessTestAccess::updateOnce(*monitor);
+    all = snapshot();
+    EXPECT_EQ(all.count(parkedLoad) + all.count(busyLoad), 0u);
+    EXPECT_EQ(valueOf(all, threadCount), count - 2);
+    // The monitor removes every element of its tree.
+    EXPECT_GT(db().getLocalElementCount(), elementsBefore + 40);
+    monitor.reset();
+    EXPECT_EQ(db().getLocalElementCount(), elementsBefore);
+}
+
+// The second init replaces the first monitor; its cycles count UpTime one by one, keep the
+// process UP in the List overview and give Backtrace the thread ids; stop cuts the pause short.
+TEST(MonitorProcess, InitTwiceReplacesTheMonitorWhoseCyclesCountUntilItStops) {
+    ParkedThread parked;
+    MonitorElementDatabase::init("MpFirst");
+    ASSERT_NE(db().getProcessMonitor(), nullptr);
+    MonitorElementDatabase::init("MpSecond");
+    MonitorProcess* monitor = db().getProcessMonitor();
+    ASSERT_NE(monitor, nullptr);
+    std::vector<double> seen{upTime("MpSecond")};
+    ASSERT_TRUE(eventually(
+        [&] {
+            const double now = upTime("MpSecond");
+            if (now != seen.back()) {
+                seen.push_back(now);
+            }
+            return now >= 3.0;
+        },
+        20s));
     ASSERT_EQ(seen.front(), 0.0);
     for (std::size_t i = 1; i < seen.size(); ++i) {
         EXPECT_EQ(seen[i], seen[i - 1] + 1.0);
     }
-}
 
-// --- network devices ---
+    const Elements all = snapshot();
+    std::size_t pids = 0;
+    for (const auto& [path, element] : all) {
+        EXPECT_EQ(path.find("MpFirst"), std::string::npos) << path;
+        // One monitor only: no second set of names made unique by a suffix.
+        EXPECT_EQ(path.find("ProcessInfo/Stats/CPU0"), std::string::npos);
+        pids += path.ends_with("ProcessInfo/Stats/PID") ? 1 : 0;
+    }
+    EXPECT_EQ(pids, 1u);
+    EXPECT_EQ(all.count(own("ProcessInfo/Stats/PID", "MpSecond")), 1u);
+    // The first monitor's update thread is gone.
+    EXPECT_EQ(valueOf(all, own("ProcessInfo/Stats/ThreadCount", "MpSecond")),
+              static_cast<double>(liveThreads().size()));
 
-TEST(MonitorProcess, LoopbackDeviceIsPublishedWithItsMtuAndTraffic) {
-    const unsigned index = ::if_nametoindex("lo");
-    ASSERT_NE(index, 0u);
-    const std::string device = "Net/Loopback" + std::to_string(index) + "/";
-    MonitorProcess monitor;
-    auto all = snapshot();
-    const std::map<std::string, std::string> units = {
-        {"Upload", "kB"},          {"Download", "kB"},    {"UpLoadSpeed", "kB/s"},
-        {"DownLoadSpeed", "kB/s"}, {"Bandwidth", "kB/s"}, {"Mtu", "bytes"},
-    };
-    for (const auto& [name, unit] : units) {
-        const Seen* seen = serverElement(all, device + name);
-        ASSERT_NE(seen, nullptr) << name;
-        EXPECT_EQ(seen->unit, unit) << name;
+    const std::string list = render(CMonitorElementObserver::List, "*");
+    const std::string process = "MpSecond/" + std::to_string(::getpid());
+    EXPECT_TRUE(std::regex_search(list, std::regex(process + "[^\r]*\\[ UP \\]"))) << list;
+    EXPECT_THAT(list, HasSubstr("Server/Stats/Processors"));
+
+    // The trace of a thread's Load element: "#<n>  <name>[ --> <file>][:<line>]" lines, with
+    // the blanks of the name removed, then the closing text.
+    const std::string text =
+        render(CMonitorElementObserver::Backtrace,
+               own("Threads/" + std::to_string(parked.id()) + "/Load", "MpSecond"));
+    const std::string closing = "\r\n1 record(s) found\r\n";
+    ASSERT_TRUE(text.ends_with(closing)) << text;
+    std::istringstream trace(text.substr(0, text.size() - closing.size()));
+    // Only a build with debug information knows the file and line.
+    const std::regex parkedFrame(
+        TESSEL_TEST_DEBUG_INFO ? R"(#\d+  TesselTest::ParkedThread::waitingInAKnownPlace\(\))"
+                                 R"( --> .*/ParkedThread\.cpp:\d+)"
+                               : R"(#\d+  TesselTest::ParkedThread::waitingInAKnownPlace\(\).*)");
+    bool parkedFound = false;
+    std::size_t number = 0;
+    for (std::string line; std::getline(trace, line); ++number) {
+        ASSERT_TRUE(line.ends_with('\r')) << line;
+        line.pop_back();
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, std::regex(R"(#(\d+)  [^ ]+( --> .+)?)")))
+            << line;
+        EXPECT_EQ(match[1], std::to_string(number)) << line;
+        EXPECT_FALSE(line.ends_with(":0")) << line;  // only positive lines
+        parkedFound = parkedFound || std::regex_match(line, parkedFrame);
+    }
+    EXPECT_TRUE(parkedFound) << text;
+    // Ids of 0 and a thread of another process give nothing.
+    const long self = static_cast<long>(Tessel::Platform::GetCurrentThreadId());
+    const std::pair<long, long> refused[] = {{0, self}, {::getpid(), 0}, {::getppid(), self}};
+    for (const auto& [processId, threadId] : refused) {
+        std::ostringstream nothing;
+        monitor->getStackTrace(processId, threadId, nothing);
+        EXPECT_EQ(nothing.str(), "") << processId << " " << threadId;
     }
 
-    MonitorProcessTestAccess::updateOnce(monitor);
-    const double uploadBefore = serverElement(snapshot(), device + "Upload")->value;
-    // 200 kB over the loopback device.
-    ASSERT_TRUE(TesselTest::SendOverLoopback(10240, 20));
-    MonitorProcessTestAccess::updateOnce(monitor);
-    all = snapshot();
-    std::ifstream mtu("/sys/class/net/lo/mtu");
-    double expectedMtu = 0;
-    mtu >> expectedMtu;
-    EXPECT_EQ(serverElement(all, device + "Mtu")->value, expectedMtu);
-    // The 32-bit counter may wrap in between, which the test cannot tell from a fault.
-    const double uploadAfter = serverElement(all, device + "Upload")->value;
-    if (uploadAfter >= uploadBefore) {
-        EXPECT_GE(uploadAfter - uploadBefore, 190.0);
-        EXPECT_GT(serverElement(all, device + "UpLoadSpeed")->value, 0.0);
-    }
-    EXPECT_EQ(serverElement(all, device + "Bandwidth")->value, 0.0);  // no speed of its own
-}
-
-// --- stack traces ---
-
-// The lines of a trace, each without its "\r\n"; fails on text that does not end in one.
-std::vector<std::string> traceLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::size_t position = 0;
-    while (position < text.size()) {
-        const std::size_t end = text.find("\r\n", position);
-        if (end == std::string::npos) {
-            ADD_FAILURE() << "line without CR LF: " << text.substr(position);
-            break;
-        }
-        lines.push_back(text.substr(position, end - position));
-        position = end + 2;
-    }
-    return lines;
-}
-
-bool allDigits(const std::string& text) {
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-}
-
-// "#<n>  <name without blanks>[ --> <file>][:<line>]" per line, numbered from 0.
-void expectWellFormed(const std::string& text) {
-    const std::vector<std::string> lines = traceLines(text);
-    for (std::size_t number = 0; number < lines.size(); ++number) {
-        const std::string& line = lines[number];
-        const std::string head = "#" + std::to_string(number) + "  ";
-        ASSERT_EQ(line.compare(0, head.size(), head), 0) << line;
-        std::string rest = line.substr(head.size());
-        const std::size_t arrow = rest.find(" --> ");
-        const std::string name = rest.substr(0, arrow);
-        EXPECT_FALSE(name.empty()) << line;
-        EXPECT_EQ(name.find(' '), std::string::npos) << line;
-        if (arrow != std::string::npos) {
-            const std::string file = rest.substr(arrow + 5);
-            EXPECT_FALSE(file.empty()) << line;
-            const std::size_t colon = file.rfind(':');
-            if (colon != std::string::npos && allDigits(file.substr(colon + 1))) {
-                EXPECT_NE(file[colon + 1], '0') << line;  // only positive lines
-            }
-        }
-    }
-}
-
-TEST(MonitorProcess, StackTraceOfAParkedThreadNamesItsFunction) {
-    MonitorProcess monitor;
-    ParkedThread parked;
-    std::ostringstream stream;
-    monitor.getStackTrace(::getpid(), parked.id(), stream);
-    const std::string text = stream.str();
-    ASSERT_FALSE(text.empty());
-    EXPECT_EQ(text.rfind("#0  ", 0), 0u) << text;
-    expectWellFormed(text);
-    // The frame of the known function, with its file and line; its name has no blanks
-    // ("(anonymous namespace)" loses its blank too).
-    const std::string name = "  TesselTest::ParkedThread::waitingInAKnownPlace() --> ";
-    bool found = false;
-    for (const std::string& line : traceLines(text)) {
-        const std::size_t at = line.find(name);
-        if (at == std::string::npos) {
-            continue;
-        }
-        found = true;
-        const std::string file = line.substr(at + name.size());
-        const std::size_t colon = file.rfind(':');
-        ASSERT_NE(colon, std::string::npos) << line;
-        EXPECT_NE(file.find("ParkedThread.cpp"), std::string::npos) << line;
-        EXPECT_TRUE(allDigits(file.substr(colon + 1))) << line;
-    }
-    EXPECT_TRUE(found) << text;
-}
-
-TEST(MonitorProcess, StackTraceWritesNothingForOtherProcessesAndUnknownThreads) {
-    MonitorProcess monitor;
-    long ended = 0;
-    {
-        ParkedThread parked;
-        ended = parked.id();
-    }
-    ASSERT_TRUE(goneFromTheKernel(ended));
-    struct Case {
-        long processId;
-        long threadId;
-    };
-    const Case cases[] = {
-        {0, threadId()},           {::getpid(), 0},     {0, 0},
-        {::getppid(), threadId()}, {::getpid(), ended}, {::getpid(), 0x7FFFFF0},
-    };
-    for (const Case& c : cases) {
-        std::ostringstream stream;
-        monitor.getStackTrace(c.processId, c.threadId, stream);
-        EXPECT_EQ(stream.str(), "") << c.processId << " " << c.threadId;
-    }
-}
-
-TEST(MonitorProcess, StackTraceOfAThreadThatBlocksTheSignalGivesUpAndTheProcessGoesOn) {
-    MonitorProcess monitor;
-    ParkedThread blocking(true);
-    std::ostringstream stream;
-    monitor.getStackTrace(::getpid(), blocking.id(), stream);  // about a second
-    EXPECT_EQ(stream.str(), "");
-    blocking.release();  // the late signal arrives now and is answered by no one
-
-    ParkedThread other;
-    std::ostringstream again;
-    monitor.getStackTrace(::getpid(), other.id(), again);
-    EXPECT_NE(again.str().find("waitingInAKnownPlace"), std::string::npos) << again.str();
-}
-
-// --- start, stop, init ---
-
-TEST(MonitorProcess, StopCutsThePauseShortAndMayBeCalledTwice) {
-    MonitorElementDatabase::init("MpStop");
-    MonitorProcess* monitor = db().getProcessMonitor();
-    ASSERT_NE(monitor, nullptr);
-    // ThreadCount is set in step 3 of the first cycle; the heartbeat (step 9) then starts the
-    // pause of 1000 ms.
-    ASSERT_TRUE(eventually([] {
-        const auto all = snapshot();
-        const Seen* count = processElement(all, "ProcessInfo/Stats/ThreadCount");
-        return count != nullptr && count->value > 0.0;
-    }));
     monitor->stop();
-    // The update thread has been joined, so its heartbeat time can be read. A stop that
-    // waited for the pause to end would return a second or more after the heartbeat.
+    // The update thread has been joined. A stop that waited for the pause to end would return
+    // a second or more after the last heartbeat.
     CMonitorElement* heartBeat =
-        db().findOrAdd("/MpStop/" + pid() + "/ProcessInfo/Stats/HeartBeat", "");
+        db().findOrAdd("/" + own("ProcessInfo/Stats/HeartBeat", "MpSecond"), "");
     EXPECT_LT(heartBeat->getTimeDiffFromStart(), 1.0);
     monitor->stop();
 }
 
-TEST(MonitorProcess, InitTwiceReplacesTheMonitor) {
-    MonitorElementDatabase::init("MpFirst");
-    ASSERT_NE(db().getProcessMonitor(), nullptr);
-    MonitorElementDatabase::init("MpSecond");
-    ASSERT_NE(db().getProcessMonitor(), nullptr);
-    // Two cycles: the first may still have seen the first monitor's thread on its way out.
-    ASSERT_TRUE(eventually([] { return upTime() >= 2.0; }));
-    const auto all = snapshot();
-    std::size_t pids = 0;
-    for (const auto& entry : all) {
-        EXPECT_EQ(entry.first.find("MpFirst"), std::string::npos) << entry.first;
-        // One monitor only: no second set of names made unique by a suffix.
-        EXPECT_EQ(entry.first.find("ProcessInfo/Stats/CPU0"), std::string::npos);
-        if (entry.first.find("ProcessInfo/Stats/PID") != std::string::npos) {
-            ++pids;
-            EXPECT_EQ(entry.first, "MpSecond/" + pid() + "/ProcessInfo/Stats/PID");
+TEST(ProcessingTimeMonitorCounters, AverageCountAndDurationPerIdSharedByCopies) {
+    const std::uint64_t before = db().getLocalElementCount();
+    {
+        CMonitorElementContainer container("PtCounters");
+        ProcessingTimeMonitorCounters counters(container, "Job");
+        const auto expectCounters = [](long id, double average, double count, double total) {
+            const Elements all = snapshot();
+            const std::string base = own("PtCounters/Job" + std::to_string(id) + "/");
+            expectTree(all, base, {"average t", "count", "duration t"});
+            EXPECT_EQ(valueOf(all, base + "average"), average) << id;
+            EXPECT_EQ(valueOf(all, base + "count"), count) << id;
+            EXPECT_EQ(valueOf(all, base + "duration"), total) << id;
+        };
+        const struct {
+            long id;
+            std::uint64_t duration;
+            double average, count, total;
+        } steps[] = {
+            {7, 10, 10.0, 1.0, 10.0}, {7, 20, 15.0, 2.0, 30.0}, {8, 5, 5.0, 1.0, 5.0},
+            {7, 0, 10.0, 3.0, 30.0},  {8, 6, 5.5, 2.0, 11.0},   {-3, 4, 4.0, 1.0, 4.0},
+        };
+        for (const auto& step : steps) {
+            counters.UpdateDurationCounters(step.id, step.duration);
+            expectCounters(step.id, step.average, step.count, step.total);
         }
+        ProcessingTimeMonitorCounters copy(counters);
+        copy.UpdateDurationCounters(7, 30);
+        expectCounters(7, 15.0, 4.0, 60.0);
+        EXPECT_EQ(db().getLocalElementCount(), before + 9);  // no second set
     }
-    EXPECT_EQ(pids, 1u);
-    // The first monitor's update thread is gone: the threads are this one, the second
-    // monitor's, and what the sanitizers run.
-    const double threads = processElement(all, "ProcessInfo/Stats/ThreadCount")->value;
-    EXPECT_EQ(threads, static_cast<double>(liveThreads().size()));
-}
-
-TEST(MonitorProcess, DestroyingTheMonitorRemovesEveryElement) {
-    const std::uint64_t before = db().getLocalElementCount();
-    {
-        ParkedThread parked;
-        MonitorProcess monitor;
-        MonitorProcessTestAccess::updateOnce(monitor);
-        EXPECT_GT(db().getLocalElementCount(), before + 40);
-    }
-    EXPECT_EQ(db().getLocalElementCount(), before);
-}
-
-// --- ProcessingTimeMonitorCounters ---
-
-TEST(ProcessingTimeMonitorCounters, AverageCountAndDurationPerId) {
-    CMonitorElementContainer container("PtCounters");
-    ProcessingTimeMonitorCounters counters(container, "Job");
-    struct Step {
-        long id;
-        std::uint64_t duration;
-        double average;
-        double count;
-        double total;
-    };
-    const Step steps[] = {
-        {7, 10, 10.0, 1.0, 10.0}, {7, 20, 15.0, 2.0, 30.0}, {8, 5, 5.0, 1.0, 5.0},
-        {7, 0, 10.0, 3.0, 30.0},  {8, 6, 5.5, 2.0, 11.0},   {-3, 4, 4.0, 1.0, 4.0},
-    };
-    for (const Step& step : steps) {
-        counters.UpdateDurationCounters(step.id, step.duration);
-        const auto all = snapshot();
-        const std::string base = "PtCounters/Job" + std::to_string(step.id) + "/";
-        const Seen* average = processElement(all, base + "average");
-        const Seen* count = processElement(all, base + "count");
-        const Seen* duration = processElement(all, base + "duration");
-        ASSERT_NE(average, nullptr);
-        ASSERT_NE(count, nullptr);
-        ASSERT_NE(duration, nullptr);
-        EXPECT_EQ(average->value, step.average) << step.id;
-        EXPECT_EQ(count->value, step.count) << step.id;
-        EXPECT_EQ(duration->value, step.total) << step.id;
-        EXPECT_EQ(average->unit, "t");
-        EXPECT_EQ(count->unit, "");
-        EXPECT_EQ(duration->unit, "t");
-    }
-}
-
-TEST(ProcessingTimeMonitorCounters, CopiesAddToTheSameCounters) {
-    const std::uint64_t before = db().getLocalElementCount();
-    {
-        CMonitorElementContainer container("PtShared");
-        ProcessingTimeMonitorCounters original(container, "Step");
-        original.UpdateDurationCounters(7, 10);
-        ProcessingTimeMonitorCounters copy(original);
-        copy.UpdateDurationCounters(7, 20);
-        const auto all = snapshot();
-        EXPECT_EQ(processElement(all, "PtShared/Step7/average")->value, 15.0);
-        EXPECT_EQ(processElement(all, "PtShared/Step7/count")->value, 2.0);
-        EXPECT_EQ(processElement(all, "PtShared/Step7/duration")->value, 30.0);
-        EXPECT_EQ(db().getLocalElementCount(), before + 3);  // no second set
-    }
-    // The container removes the elements.
-    EXPECT_EQ(db().getLocalElementCount(), before);
+    EXPECT_EQ(db().getLocalElementCount(), before);  // the container removes them
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "support/NetworkClient.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -9,26 +8,30 @@
 
 #include <stdexcept>
 
+#include "support/Eventually.h"
+
 namespace TesselTest {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
 
-int remainingMs(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
-    return left > 0 ? static_cast<int>(left) : 0;
+sockaddr* asGeneric(sockaddr_in& address) {
+    return reinterpret_cast<sockaddr*>(&address);
 }
 
 }  // namespace
 
 TcpClient::TcpClient(int port) {
     m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (m_fd < 0 || ::connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    sockaddr_in address = loopback(port);
+    if (m_fd < 0 || ::connect(m_fd, asGeneric(address), sizeof(address)) != 0) {
         if (m_fd >= 0) {
             ::close(m_fd);
         }
@@ -70,63 +73,52 @@ bool TcpClient::readSome(milliseconds timeout) {
     return true;
 }
 
-std::string TcpClient::take(std::size_t length) {
+std::string TcpClient::readComplete(const std::function<std::size_t()>& completeLength,
+                                    milliseconds timeout) {
+    const Deadline deadline(timeout);
+    std::size_t length;
+    while ((length = completeLength()) == std::string::npos) {
+        if (!readSome(deadline.left()) && (m_closed || deadline.passed())) {
+            length = m_buffer.size();
+            break;
+        }
+    }
     std::string taken = m_buffer.substr(0, length);
     m_buffer.erase(0, length);
     return taken;
 }
 
 std::string TcpClient::readUntil(const std::string& marker, milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    std::size_t found;
-    while ((found = m_buffer.find(marker)) == std::string::npos) {
-        if (!readSome(milliseconds(remainingMs(deadline))) &&
-            (m_closed || Clock::now() >= deadline)) {
-            return take(m_buffer.size());
-        }
-    }
-    return take(found + marker.size());
+    return readComplete(
+        [&] {
+            const std::size_t found = m_buffer.find(marker);
+            return found == std::string::npos ? found : found + marker.size();
+        },
+        timeout);
 }
 
 std::string TcpClient::readFor(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (Clock::now() < deadline && !m_closed) {
-        readSome(milliseconds(remainingMs(deadline)));
-    }
-    return take(m_buffer.size());
+    return readComplete([] { return std::string::npos; }, timeout);
 }
 
 std::string TcpClient::readToEnd(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (!m_closed && Clock::now() < deadline) {
-        readSome(milliseconds(remainingMs(deadline)));
-    }
-    return take(m_buffer.size());
+    return readFor(timeout);
 }
 
 std::string TcpClient::readHttpResponse(milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    std::size_t headEnd;
-    while ((headEnd = m_buffer.find("\r\n\r\n")) == std::string::npos) {
-        if (!readSome(milliseconds(remainingMs(deadline))) &&
-            (m_closed || Clock::now() >= deadline)) {
-            return take(m_buffer.size());
-        }
-    }
-    std::size_t length = 0;
-    const std::string head = m_buffer.substr(0, headEnd);
-    const std::size_t field = head.find("Content-Length: ");
-    if (field != std::string::npos) {
-        length = std::stoul(head.substr(field + 16));
-    }
-    const std::size_t total = headEnd + 4 + length;
-    while (m_buffer.size() < total) {
-        if (!readSome(milliseconds(remainingMs(deadline))) &&
-            (m_closed || Clock::now() >= deadline)) {
-            break;
-        }
-    }
-    return take(total);
+    return readComplete(
+        [&] {
+            const std::size_t headEnd = m_buffer.find("\r\n\r\n");
+            if (headEnd == std::string::npos) {
+                return headEnd;
+            }
+            const std::size_t field = m_buffer.substr(0, headEnd).find("Content-Length: ");
+            const std::size_t total =
+                headEnd + 4 +
+                (field == std::string::npos ? 0 : std::stoul(m_buffer.substr(field + 16)));
+            return m_buffer.size() < total ? std::string::npos : total;
+        },
+        timeout);
 }
 
 void TcpClient::shutdownWrite() {
@@ -135,35 +127,30 @@ void TcpClient::shutdownWrite() {
 
 int FreeTcpPort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t size = sizeof(address);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-        ::close(fd);
+    const bool bound = ::bind(fd, asGeneric(address), sizeof(address)) == 0 &&
+                       ::getsockname(fd, asGeneric(address), &size) == 0;
+    ::close(fd);
+    if (!bound) {
         throw std::runtime_error("no free port");
     }
-    ::close(fd);
     return ntohs(address.sin_port);
 }
 
 bool SendOverLoopback(std::size_t size, int count) {
     const int receiver = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int sender = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof(address);
     bool sent = receiver >= 0 && sender >= 0 &&
-                ::bind(receiver, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
-                ::getsockname(receiver, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+                ::bind(receiver, asGeneric(address), sizeof(address)) == 0 &&
+                ::getsockname(receiver, asGeneric(address), &length) == 0;
     const int buffer = 1 << 20;
     ::setsockopt(receiver, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof(buffer));
     const std::string payload(size, 'x');
     for (int i = 0; sent && i < count; ++i) {
-        sent = ::sendto(sender, payload.data(), payload.size(), 0,
-                        reinterpret_cast<sockaddr*>(&address),
+        sent = ::sendto(sender, payload.data(), payload.size(), 0, asGeneric(address),
                         sizeof(address)) == static_cast<ssize_t>(payload.size());
     }
     ::close(sender);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 
 #include "support/ChildProcess.h"
@@ -25,9 +26,9 @@ class TcpClient {
     bool send(const std::string& data);
     // Reads until the received text contains marker, the peer closes or timeout passes.
     std::string readUntil(const std::string& marker, milliseconds timeout);
-    // Reads whatever arrives within timeout.
+    // Reads until the peer closes or timeout passes: whatever arrives within timeout.
     std::string readFor(milliseconds timeout);
-    // Reads until the peer closes or timeout passes.
+    // The same, for a test that waits for the peer's end.
     std::string readToEnd(milliseconds timeout);
     // Reads one HTTP response: the head, then Content-Length bytes of body.
     std::string readHttpResponse(milliseconds timeout);
@@ -39,7 +40,10 @@ class TcpClient {
   private:
     // One read of what is there, waiting up to timeout; false on end of stream or time-out.
     bool readSome(milliseconds timeout);
-    std::string take(std::size_t length);
+    // Reads until completeLength() tells the length of a complete piece of the buffer (npos:
+    // not yet), the peer closes or timeout passes; returns and consumes that piece, else all.
+    std::string readComplete(const std::function<std::size_t()>& completeLength,
+                             milliseconds timeout);
 
     int m_fd = -1;
     bool m_closed = false;
