@@ -6,36 +6,26 @@
 #include <utility>
 
 #include "tessel/base/Event.h"
-#include "tessel/base/Handle.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/LastError.h"
 
+using namespace Tessel;
 using namespace Tessel::Platform;
-using Tessel::CEvent;
-using Tessel::CHandle;
-using Tessel::CHResultException;
 using namespace ::testing;
 
-namespace {
-
-HANDLE newEvent() {
-    return CreateEventA(nullptr, TRUE, FALSE, nullptr);
-}
-
-bool isOpen(HANDLE handle) {
+static bool isOpen(HANDLE handle) {
     return WaitForSingleObject(handle, 0) != WAIT_FAILED;
 }
 
-bool signalled(HANDLE event) {
+static bool signalled(HANDLE event) {
     return WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
 }
 
 const std::string kOverlongName(261, 'n');  // MAX_PATH is 260
 
-}  // namespace
-
 TEST(Handle, OwnsItsHandleAndCopyingMovesIt) {
+    const auto newEvent = [] { return CreateEventA(nullptr, TRUE, FALSE, nullptr); };
     HANDLE a = newEvent(), b = newEvent(), c = newEvent();
     {
         CHandle source(a);

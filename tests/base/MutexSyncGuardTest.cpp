@@ -18,34 +18,30 @@
 #include "tessel/platform/Process.h"
 
 using namespace Tessel::Platform;
-using namespace std::chrono_literals;
-using TesselTest::ChildProcess;
-using TesselTest::DebugOutputCapture;
-
-namespace {
+using namespace TesselTest;
 
 const std::string kExe = GetExecutableName();
 
-std::string uniqueName(const char* suffix) {
+static std::string uniqueName(const char* suffix) {
     return "Global\\TesselTest." + std::to_string(GetCurrentProcessId()) + "." + suffix;
 }
 
 // The trace of a lock refused after timeout ms, with the handle's digits left out.
-std::string refusal(const std::string& name, unsigned timeout) {
+static std::string refusal(const std::string& name, unsigned timeout) {
     return kExe + "CMutexSyncGuard::TryLock: Could not aquire mutex '" + name + "'(0x)', timeout " +
            std::to_string(timeout) + ", WaitForObject returned " + std::to_string(WAIT_TIMEOUT) +
            "\n";
 }
 
 // Whether another thread gets the guard's mutex at once; it gives it back.
-bool otherThreadGets(ISyncGuard& guard) {
+static bool otherThreadGets(ISyncGuard& guard) {
     const auto probe = [&] { return CReadWriteLock(guard, false, false).TryLock(); };
     return std::async(std::launch::async, probe).get();
 }
 
 // Ends one hold of the named mutex that the guard did not count, through a handle of its own
 // (opened on another thread: the thread sanitizer would see a false lock-order inversion).
-bool releaseUncountedHold(const std::string& name) {
+static bool releaseUncountedHold(const std::string& name) {
     HANDLE handle = std::async(std::launch::async, [&] {
                         return OpenMutexA(SYNCHRONIZE, FALSE, name.c_str());
                     }).get();
@@ -53,8 +49,6 @@ bool releaseUncountedHold(const std::string& name) {
     CloseHandle(handle);
     return released;
 }
-
-}  // namespace
 
 TEST(MutexSyncGuard, LocksFailAndAreTracedUntilCreateWhichClosesAFormerMutex) {
     DebugOutputCapture trace;
@@ -125,7 +119,7 @@ TEST(MutexSyncGuard, NamedMutexIsSharedWithAnotherProcessAndAbandonedWhenItDies)
     ASSERT_TRUE(unnamed.Create(false, nullptr, nullptr));
     ASSERT_TRUE(unnamed.LockWrite());
     ChildProcess holder({TESSEL_MUTEX_PEER, "hold", name});
-    ASSERT_EQ(holder.readLine(5000ms), "locked");
+    ASSERT_EQ(holder.readLine(milliseconds(5000)), "locked");
     DebugOutputCapture trace;
     EXPECT_FALSE(named.TryLockWrite());
     EXPECT_FALSE(named.TryLockRead());
@@ -146,7 +140,7 @@ TEST(MutexSyncGuard, NamedMutexIsSharedWithAnotherProcessAndAbandonedWhenItDies)
     named.UnlockWrite();
 
     ChildProcess dying({TESSEL_MUTEX_PEER, "die", name});
-    ASSERT_EQ(dying.readLine(5000ms), "locked");
+    ASSERT_EQ(dying.readLine(milliseconds(5000)), "locked");
     ASSERT_EQ(dying.finish(), 128 + SIGKILL);
     ASSERT_TRUE(named.LockWrite()) << "an abandoned mutex is granted";
     EXPECT_EQ(named.GetLockCount(), 0u) << "the abandoned hold is not counted";

@@ -17,18 +17,14 @@
 using namespace TesselTest;
 using Tessel::Platform::DWORD;
 
-namespace {
-
 constexpr bool kRead = true;
 constexpr bool kWrite = false;
 
 // Whether another thread gets the read (or write) lock at once; it gives it back.
-bool otherThreadGets(ISyncGuard& guard, bool read) {
+static bool otherThreadGets(ISyncGuard& guard, bool read) {
     const auto probe = [&] { return CReadWriteLock(guard, read, false).TryLock(); };
     return std::async(std::launch::async, probe).get();
 }
-
-}  // namespace
 
 TEST(ReaderWriterSyncGuard, ReadersShareTheLockAndACountBelowZeroMeansNoReaders) {
     CReaderWriterSyncGuard guard;

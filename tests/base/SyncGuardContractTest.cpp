@@ -1,5 +1,4 @@
-// What every ISyncGuard that really locks promises, taken directly and through the holder
-// CReadWriteLock (one typed suite); the guards that lock nothing; the holder's exact calls.
+// What every locking ISyncGuard promises (one typed suite), the lockless guards, CReadWriteLock.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 
@@ -22,8 +21,6 @@
 #include "tessel/threads/LockFreeSpinLock.h"
 
 // The mutex guard, without a name and with one.
-namespace Kind {
-
 struct UnnamedMutex : CMutexSyncGuard {
     UnnamedMutex() { EXPECT_TRUE(Create(false, nullptr, nullptr)); }
 };
@@ -31,29 +28,23 @@ struct UnnamedMutex : CMutexSyncGuard {
 struct NamedMutex : CMutexSyncGuard {
     NamedMutex() {
         static int count = 0;
-        const std::string name = "Global\\TesselTest." +
-                                 std::to_string(Tessel::Platform::GetCurrentProcessId()) + "." +
-                                 std::to_string(++count);
-        EXPECT_TRUE(Create(false, name.c_str(), nullptr));
+        const auto pid = std::to_string(Tessel::Platform::GetCurrentProcessId());
+        EXPECT_TRUE(Create(
+            false, ("Global\\TesselTest." + pid + "." + std::to_string(++count)).c_str(), nullptr));
     }
 };
-
-}  // namespace Kind
-
-namespace {
 
 constexpr bool kRead = true;
 constexpr bool kWrite = false;
 
 // Whether another thread gets the read (or write) lock at once; it gives it back.
-bool otherThreadGets(ISyncGuard& guard, bool read) {
+static bool otherThreadGets(ISyncGuard& guard, bool read) {
     const auto probe = [&] { return CReadWriteLock(guard, read, false).TryLock(); };
     return std::async(std::launch::async, probe).get();
 }
 
-// What each guard's contract says: whether its holder may take it again (one unlock per
-// hold), whether readers share it, and the system call in which a waiting thread sleeps (the
-// spin lock's sleep every tenth round is a timed futex wait).
+// Where the contracts differ: re-entry, shared reads, and where a waiter sleeps (the spin lock's
+// sleep every tenth round is a timed futex wait).
 template <class Guard>
 class SyncGuardContract : public ::testing::Test {
   protected:
@@ -66,12 +57,11 @@ class SyncGuardContract : public ::testing::Test {
     Guard m_guard;
 };
 
-using Kinds = ::testing::Types<CCriticalSectionSyncGuard, Kind::UnnamedMutex, Kind::NamedMutex,
+using Kinds = ::testing::Types<CCriticalSectionSyncGuard, UnnamedMutex, NamedMutex,
                                CReaderWriterSyncGuard, LockFreeSpinLock>;
 TYPED_TEST_SUITE(SyncGuardContract, Kinds);
 
-// Writes down each call, one letter: L lock, T try, U unlock, lower case for the read side;
-// grants the locks that answers marks with '1', in order.
+// Writes each call down (Lock, Try, Unlock; lower case: read) and grants as answers say ('1').
 struct RecordingGuard : ISyncGuard {
     bool TryLockRead() override { return answer('t'); }
     bool LockRead() override { return answer('l'); }
@@ -88,8 +78,6 @@ struct RecordingGuard : ISyncGuard {
     std::string answers;
     std::size_t answered = 0;
 };
-
-}  // namespace
 
 TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
     ISyncGuard& guard = this->m_guard;
@@ -111,8 +99,7 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
     guard.UnlockRead();
     EXPECT_TRUE(otherThreadGets(guard, kWrite));
 
-    // The holder takes it again where the guard is reentrant; a waiter gets it at the last
-    // unlock.
+    // Re-entry where the guard allows it; a waiter gets the lock at the last unlock.
     ASSERT_TRUE(guard.LockWrite()) << "still usable";
     if constexpr (TestFixture::kReentrant) {
         EXPECT_TRUE(guard.LockRead());
@@ -138,8 +125,7 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
 }
 
 TYPED_TEST(SyncGuardContract, ReadersNeverSeeAWriteHalfDoneAndNoWriteIsLost) {
-    // Written under the write lock, read under the read lock. Plain data, so that the thread
-    // sanitizer checks the lock's happens-before edges as well.
+    // Plain data, so that the thread sanitizer checks the lock's happens-before edges as well.
     long first = 0, second = 0;
     std::atomic<long> writes{0}, faults{0};
     std::vector<std::jthread> threads;

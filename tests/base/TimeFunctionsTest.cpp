@@ -1,3 +1,4 @@
+// TIME: the difference from UTC, the UTC time, the local time text and the Modified Julian Date.
 #include <gtest/gtest.h>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
@@ -13,27 +14,11 @@
 using namespace boost::posix_time;
 using boost::gregorian::date;
 
-namespace {
-
 // The difference is process-wide: leave it at 0 for the next test of the same run.
 class TimeFunctions : public ::testing::Test {
   protected:
     void TearDown() override { TIME::SetDeltaUTCTime(0.0); }
 };
-
-using Stamp = std::tuple<int, int, int, int, int, int, int>;  // year ... millisecond
-
-Stamp stampOf(const Tessel::Platform::SYSTEMTIME& t) {
-    return {t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
-}
-
-// The stamp of "DD.MM.YYYY hh:mm:ss.mmm".
-Stamp stampOf(const std::string& s) {
-    auto n = [&](std::size_t at, std::size_t count) { return std::stoi(s.substr(at, count)); };
-    return {n(6, 4), n(3, 2), n(0, 2), n(11, 2), n(14, 2), n(17, 2), n(20, 3)};
-}
-
-}  // namespace
 
 TEST_F(TimeFunctions, DeltaIsKeptInFiftyMicrosecondUnitsUpToOneDay) {
     EXPECT_EQ(TIME::GetDeltaUTCTime(), 0.0);
@@ -78,18 +63,26 @@ TEST_F(TimeFunctions, UtcIsTheSystemClockInWholeSecondsMinusTheDelta) {
 }
 
 TEST_F(TimeFunctions, DateTimeTextIsTheLocalTimeAndIgnoresTheDelta) {
+    using Stamp = std::tuple<int, int, int, int, int, int, int>;  // year ... millisecond
+    const auto local = [] {
+        Tessel::Platform::SYSTEMTIME t;
+        Tessel::Platform::GetLocalTime(&t);
+        return Stamp{t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
+    };
     for (double delta : {0.0, -7200.0}) {
         TIME::SetDeltaUTCTime(delta);
-        Tessel::Platform::SYSTEMTIME before, after;
-        Tessel::Platform::GetLocalTime(&before);
+        const Stamp before = local();
         const std::string text = TIME::GetCurrentDateTimeAsString();
-        Tessel::Platform::GetLocalTime(&after);
-
+        const Stamp after = local();
         ASSERT_TRUE(
             std::regex_match(text, std::regex(R"(\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d\.\d{3})")))
             << text;
-        EXPECT_LE(stampOf(before), stampOf(text)) << text;
-        EXPECT_LE(stampOf(text), stampOf(after)) << text;
+        const auto n = [&](std::size_t at, std::size_t count) {
+            return std::stoi(text.substr(at, count));
+        };
+        const Stamp stamp{n(6, 4), n(3, 2), n(0, 2), n(11, 2), n(14, 2), n(17, 2), n(20, 3)};
+        EXPECT_LE(before, stamp) << text;
+        EXPECT_LE(stamp, after) << text;
     }
 }
 

@@ -1,5 +1,4 @@
-// WaitForSingleObjectProcMsg and WaitForMultipleObjectsProcMsg: results, time-outs, the
-// messages they dispatch, and the way the second one consumes its array.
+// The message-pumping waits: results, time-outs, the messages they dispatch, the array consumed.
 #include "tessel/base/WaitProcMsg.h"
 
 #include <gtest/gtest.h>
@@ -11,55 +10,34 @@
 
 #include "support/WaitProbe.h"
 #include "tessel/base/Event.h"
-#include "tessel/base/Handle.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/MessageQueue.h"
 #include "tessel/platform/Mutex.h"
 
+using namespace Tessel;
 using namespace Tessel::Platform;
-using namespace std::chrono_literals;
-using Tessel::CEvent;
-using Tessel::CHandle;
-using TesselTest::AsyncCall;
-using TesselTest::eventually;
+using namespace TesselTest;
 using Clock = std::chrono::steady_clock;
 
-namespace {
-
 // Makes the calling thread's queue; true if it is empty.
-bool queueEmpty() {
+static bool queueEmpty() {
     MSG message;
     return PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE) == FALSE;
 }
 
-std::atomic<int> g_dispatched{0};
-std::atomic<DWORD> g_dispatchedOn{0};
+static std::atomic<int> g_dispatched{0};
+static std::atomic<DWORD> g_dispatchedOn{0};
 
 // A posted callback: counts, notes its thread, and sets the event it is given, if any.
-void dispatched(LPARAM event) {
+static void dispatched(LPARAM event) {
     g_dispatchedOn = GetCurrentThreadId();
     g_dispatched.fetch_add(1);
     if (event != 0) {
         SetEvent(reinterpret_cast<HANDLE>(event));
     }
 }
-
-// The handle that a thread abandons: it takes the mutex and ends.
-HANDLE abandonedMutex() {
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    std::thread([&] { WaitForSingleObject(mutex, 0); }).join();
-    return mutex;
-}
-
-// Whether the calling thread holds mutex exactly twice; it releases it.
-bool heldTwice(HANDLE mutex) {
-    return ReleaseMutex(mutex) && ReleaseMutex(mutex) && !ReleaseMutex(mutex) &&
-           GetLastError() == ERROR_NOT_OWNER;
-}
-
-}  // namespace
 
 TEST(WaitProcMsg, SingleResultsAndTheQueuePumpedBeforeTheWait) {
     CEvent signalled(TRUE, TRUE);
@@ -93,8 +71,7 @@ TEST(WaitProcMsg, MessagesAreDispatchedOnTheWaitingThreadAndDoNotRestartTheTimeo
             return static_cast<DWORD>(WaitForSingleObjectProcMsg(event, nullptr, timeoutMs));
         });
         ASSERT_TRUE(wait.blocked());
-        // A message every 10 ms, which ends the endless wait by setting the event: a wait
-        // that started its time anew on each one would not end.
+        // A message every 10 ms (setting the event for the endless wait) restarts no time-out.
         const HANDLE set = timeoutMs == INFINITE ? static_cast<HANDLE>(event) : nullptr;
         const auto postAndLook = [&] {
             PostThreadCallback(waiter, &dispatched, reinterpret_cast<LPARAM>(set));
@@ -108,25 +85,27 @@ TEST(WaitProcMsg, MessagesAreDispatchedOnTheWaitingThreadAndDoNotRestartTheTimeo
 }
 
 TEST(WaitProcMsg, AbandonedMutexIsTakenAndWaitedForOnceMore) {
-    // The single wait takes it as a message, then waits for it again.
-    const CHandle single(abandonedMutex());
-    EXPECT_EQ(WaitForSingleObjectProcMsg(single, nullptr, 1000), 1);
-    EXPECT_TRUE(heldTwice(single));
-
-    // The multiple wait reads it like a time-out: the last entry (other) is dropped at once,
-    // and the mutex, now held, is taken again.
-    const CHandle multiple(abandonedMutex());
-    CEvent other(TRUE, FALSE);
-    HANDLE objects[] = {multiple, other};
-    AsyncCall wait([&] {
-        const int result = WaitForMultipleObjectsProcMsg(objects, 2, nullptr, INFINITE);
-        return DWORD{result == 1 && heldTwice(multiple)};
-    });
-    const bool finished = wait.finishes();
-    other.Set();  // ends a wait that went on for other
-    EXPECT_TRUE(finished) << "other is not waited for";
-    EXPECT_TRUE(wait.finishes());
-    EXPECT_EQ(wait.result(), 1u);
+    for (const bool multiple : {false, true}) {
+        SCOPED_TRACE(multiple ? "multiple" : "single");
+        const CHandle mutex(CreateMutexA(nullptr, FALSE, nullptr));
+        std::thread([&] { WaitForSingleObject(mutex, 0); }).join();  // abandons it
+        CEvent other(TRUE, FALSE);
+        HANDLE objects[] = {mutex, other};
+        // The single wait takes it as a message and waits again; the multiple one reads it as a
+        // time-out, drops other at once, and takes the mutex again. Either way it is held twice.
+        AsyncCall wait([&] {
+            const int result = multiple
+                                   ? WaitForMultipleObjectsProcMsg(objects, 2, nullptr, INFINITE)
+                                   : WaitForSingleObjectProcMsg(mutex, nullptr, 1000);
+            return DWORD{result == 1 && ReleaseMutex(mutex) && ReleaseMutex(mutex) &&
+                         !ReleaseMutex(mutex) && GetLastError() == ERROR_NOT_OWNER};
+        });
+        const bool finished = wait.finishes();
+        other.Set();  // ends a wait that went on for other
+        EXPECT_TRUE(finished) << "other is not waited for";
+        EXPECT_TRUE(wait.finishes());
+        EXPECT_EQ(wait.result(), 1u);
+    }
 }
 
 TEST(WaitProcMsg, MultipleConsumesItsArray) {
@@ -149,9 +128,8 @@ TEST(WaitProcMsg, MultipleConsumesItsArray) {
         EXPECT_EQ(objects[1], b);
     }
 
-    // Signalled entries are taken out, index 0 each time: b and c move down over a, then c
-    // over b. A failed wait is read as index -1: everything moves down by one, the first entry
-    // to the caller's own storage before the array.
+    // Signalled entries are taken out (index 0 each time: b and c move down over a, then c over
+    // b); a failed wait is index -1: all move down, the first to the caller's storage before.
     CEvent c(TRUE, TRUE);
     a.Set();
     b.Set();
