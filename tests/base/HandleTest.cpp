@@ -14,14 +14,6 @@ using namespace Tessel;
 using namespace Tessel::Platform;
 using namespace ::testing;
 
-static bool isOpen(HANDLE handle) {
-    return WaitForSingleObject(handle, 0) != WAIT_FAILED;
-}
-
-static bool signalled(HANDLE event) {
-    return WaitForSingleObject(event, 0) == WAIT_OBJECT_0;
-}
-
 const std::string kOverlongName(261, 'n');  // MAX_PATH is 260
 
 TEST(Handle, OwnsItsHandleAndCopyingMovesIt) {
@@ -36,7 +28,7 @@ TEST(Handle, OwnsItsHandleAndCopyingMovesIt) {
         target = copy;
         EXPECT_EQ(target, a);
         EXPECT_EQ(copy, nullptr);
-        EXPECT_FALSE(isOpen(b)) << "assignment closes the handle held";
+        EXPECT_EQ(WaitForSingleObject(b, 0), WAIT_FAILED) << "assignment closes the handle held";
         CHandle& same = target;
         target = same;
         target = std::move(same);
@@ -49,36 +41,37 @@ TEST(Handle, OwnsItsHandleAndCopyingMovesIt) {
         const HANDLE d = closed;
         closed.Close();
         EXPECT_EQ(closed, nullptr);
-        EXPECT_FALSE(isOpen(d));
+        EXPECT_EQ(WaitForSingleObject(d, 0), WAIT_FAILED);
         closed.Close();  // empty: nothing happens
     }
-    EXPECT_FALSE(isOpen(a)) << "closed by its one owner";
-    EXPECT_TRUE(isOpen(c)) << "detached";
+    EXPECT_EQ(WaitForSingleObject(a, 0), WAIT_FAILED) << "closed by its one owner";
+    EXPECT_NE(WaitForSingleObject(c, 0), WAIT_FAILED) << "detached";
     CloseHandle(c);
 }
 
 TEST(Event, ConstructorsThrowButCreateOpenAndTheOperationsReportByTheirResult) {
     CEvent manualSet(TRUE, TRUE), automaticSet(FALSE, TRUE);
-    EXPECT_TRUE(signalled(manualSet));
-    EXPECT_TRUE(signalled(manualSet)) << "stays signalled";
-    EXPECT_TRUE(signalled(automaticSet));
-    EXPECT_FALSE(signalled(automaticSet)) << "the first test took it";
+    EXPECT_EQ(WaitForSingleObject(manualSet, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(manualSet, 0), WAIT_OBJECT_0) << "stays signalled";
+    EXPECT_EQ(WaitForSingleObject(automaticSet, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(automaticSet, 0), WAIT_TIMEOUT) << "the first test took it";
     const auto overlong = [] { CEvent event(nullptr, TRUE, FALSE, kOverlongName.c_str()); };
     EXPECT_THAT(overlong, ThrowsMessage<CHResultException>(StrEq("HRESULT 0x800700CE")));
-    EXPECT_THAT(overlong, Throws<CHResultException>(
-                              Property(&CHResultException::GetHResult, std::int32_t(0x800700CE))));
+    EXPECT_THAT(overlong,
+                Throws<CHResultException>(Property(&CHResultException::GetHResult,
+                                                   CHResultException::HRESULT(0x800700CE))));
 
     CEvent original(TRUE, FALSE);
     CEvent event(original);
     EXPECT_EQ(original, nullptr) << "copying moves";
-    EXPECT_FALSE(signalled(event));
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
     EXPECT_NE(event.Set(), 0);
-    EXPECT_TRUE(signalled(event));
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_OBJECT_0);
     EXPECT_NE(event.Reset(), 0);
-    EXPECT_FALSE(signalled(event));
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
     EXPECT_NE(event.Set(), 0);
     EXPECT_NE(event.Pulse(), 0);  // nobody waits: releases nobody, leaves it reset
-    EXPECT_FALSE(signalled(event));
+    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
 
     // Create and Open store over the handle held, without closing it, and never throw.
     HANDLE first = event;
@@ -88,7 +81,7 @@ TEST(Event, ConstructorsThrowButCreateOpenAndTheOperationsReportByTheirResult) {
     ASSERT_NE(opened.Open(SYNCHRONIZE, FALSE, "TesselThreadsEventTest"), 0);
     EXPECT_NE(opened, named);
     EXPECT_NE(event.Set(), 0);
-    EXPECT_TRUE(signalled(opened));
+    EXPECT_EQ(WaitForSingleObject(opened, 0), WAIT_OBJECT_0);
     EXPECT_EQ(opened.Open(SYNCHRONIZE, FALSE, "TesselThreadsNoSuchEvent"), 0);
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(opened, nullptr);
@@ -99,8 +92,8 @@ TEST(Event, ConstructorsThrowButCreateOpenAndTheOperationsReportByTheirResult) {
         EXPECT_EQ((event.*operation)(), 0);
         EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     }
-    EXPECT_TRUE(isOpen(first));
-    EXPECT_TRUE(isOpen(named));
+    EXPECT_NE(WaitForSingleObject(first, 0), WAIT_FAILED);
+    EXPECT_NE(WaitForSingleObject(named, 0), WAIT_FAILED);
     CloseHandle(first);
     CloseHandle(named);
 }

@@ -122,6 +122,10 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
     ASSERT_TRUE(waiter.finishes());
     EXPECT_TRUE(otherThreadGets(guard, kWrite)) << "the waiter's holder let go at its end";
     EXPECT_TRUE(otherThreadGets(guard, kRead));
+    // The fixture destroys the guard while it is held: what stays behind shows under the
+    // sanitizers.
+    ASSERT_TRUE(guard.LockRead());
+    ASSERT_TRUE(!TestFixture::kReentrant || (guard.LockWrite() && guard.LockRead()));
 }
 
 TYPED_TEST(SyncGuardContract, ReadersNeverSeeAWriteHalfDoneAndNoWriteIsLost) {
@@ -155,15 +159,7 @@ TYPED_TEST(SyncGuardContract, ReadersNeverSeeAWriteHalfDoneAndNoWriteIsLost) {
     EXPECT_GE(writes.load(), 4000) << "at least every waiting write";
     EXPECT_EQ(first, writes.load());
     EXPECT_EQ(second, writes.load());
-}
-
-TYPED_TEST(SyncGuardContract, DestroyedWhileHeld) {
-    // What a guard leaves behind shows under the sanitizers; many times over.
-    for (int i = 0; i < 100; ++i) {
-        TypeParam guard;
-        ASSERT_TRUE(i % 2 == 0 ? guard.LockWrite() : guard.LockRead());
-        ASSERT_TRUE(!TestFixture::kReentrant || (guard.LockWrite() && guard.LockRead()));
-    }
+    ASSERT_TRUE(this->m_guard.LockWrite());  // and destroyed while held
 }
 
 TEST(SyncGuard, GuardsThatLockNothingGrantEverythingToEveryThread) {

@@ -15,8 +15,7 @@ using namespace boost::posix_time;
 using boost::gregorian::date;
 
 // The difference is process-wide: leave it at 0 for the next test of the same run.
-class TimeFunctions : public ::testing::Test {
-  protected:
+struct TimeFunctions : ::testing::Test {
     void TearDown() override { TIME::SetDeltaUTCTime(0.0); }
 };
 

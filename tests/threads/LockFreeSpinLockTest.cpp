@@ -1,5 +1,4 @@
-// LockFreeSpinLock beyond the guard contract (tests/base/SyncGuardContractTest.cpp): the
-// holder's own try, and the monitor element that counts the failed rounds of a contended lock.
+// LockFreeSpinLock beyond the guard contract: the element that counts the failed rounds.
 #include "tessel/threads/LockFreeSpinLock.h"
 
 #include <gtest/gtest.h>
