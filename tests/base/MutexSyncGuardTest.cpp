@@ -75,8 +75,7 @@ TEST(MutexSyncGuard, LocksFailAndAreTracedUntilCreateWhichClosesAFormerMutex) {
     ASSERT_TRUE(guard.Create(false, first.c_str(), nullptr));
     ASSERT_TRUE(guard.Create(false, uniqueName("Second").c_str(), nullptr));
     SetLastError(0);
-    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, first.c_str()), nullptr)
-        << "the first mutex's last handle was closed";
+    EXPECT_EQ(OpenMutexA(SYNCHRONIZE, FALSE, first.c_str()), nullptr) << "the first one is gone";
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     ASSERT_TRUE(guard.Create(false, nullptr, nullptr));
     EXPECT_TRUE(guard.IsValid());
@@ -93,8 +92,7 @@ TEST(MutexSyncGuard, CountsNestedHoldsButNotTheInitialOwnership) {
     CMutexSyncGuard guard;
     ASSERT_TRUE(guard.Create(true, name.c_str(), nullptr));
     EXPECT_FALSE(otherThreadGets(guard)) << "owned by the creator";
-    // Lock (LockWrite or TryLockRead) or Unlock, and the count after it; the owner is this
-    // thread while the count is not 0.
+    // Lock (LockWrite or TryLockRead) or Unlock; the count after it, with this thread as owner.
     const std::string steps = "-LLLUULUUU";
     const unsigned long counts[] = {0, 1, 2, 3, 2, 1, 2, 1, 0, 0};
     for (std::size_t i = 0; i < steps.size(); ++i) {

@@ -1,5 +1,4 @@
-// CReaderWriterSyncGuard beyond the guard contract (SyncGuardContractTest.cpp): shared readers,
-// the reader count, writers first, the writer's second lock, and copies.
+// CReaderWriterSyncGuard beyond the guard contract: reader count, writers first, copies.
 #include "tessel/base/ReaderWriterSyncGuard.h"
 
 #include <gtest/gtest.h>
@@ -26,21 +25,13 @@ static bool otherThreadGets(ISyncGuard& guard, bool read) {
     return std::async(std::launch::async, probe).get();
 }
 
-TEST(ReaderWriterSyncGuard, ReadersShareTheLockAndACountBelowZeroMeansNoReaders) {
+TEST(ReaderWriterSyncGuard, EveryReaderOfOneThreadCountsAndKeepsWritersOut) {
     CReaderWriterSyncGuard guard;
     ASSERT_TRUE(guard.LockRead());
     ASSERT_TRUE(guard.TryLockRead());
     EXPECT_FALSE(guard.TryLockWrite()) << "a reader is kept out of the write lock";
     guard.UnlockRead();
     EXPECT_FALSE(otherThreadGets(guard, kWrite)) << "one reader is still inside";
-    guard.UnlockRead();
-
-    // Surplus unlocks drive the reader count below zero, which still means no readers.
-    guard.UnlockRead();
-    guard.UnlockRead();
-    EXPECT_TRUE(otherThreadGets(guard, kWrite));
-    ASSERT_TRUE(guard.LockRead());  // -1, but announced: "no readers" is reset
-    EXPECT_FALSE(otherThreadGets(guard, kWrite));
     guard.UnlockRead();
     EXPECT_TRUE(otherThreadGets(guard, kWrite));
 }
@@ -129,12 +120,10 @@ TEST(ReaderWriterSyncGuard, CopiesShareTheLock) {
     assigned = assigned;
 
     ASSERT_TRUE(original.LockRead());
-    EXPECT_FALSE(otherThreadGets(copy, kWrite));
-    EXPECT_FALSE(otherThreadGets(assigned, kWrite));
+    EXPECT_FALSE(otherThreadGets(copy, kWrite) || otherThreadGets(assigned, kWrite));
     original.UnlockRead();
     ASSERT_TRUE(copy.LockWrite());
-    EXPECT_FALSE(otherThreadGets(original, kRead));
-    EXPECT_FALSE(otherThreadGets(assigned, kRead));
+    EXPECT_FALSE(otherThreadGets(original, kRead) || otherThreadGets(assigned, kRead));
     copy.UnlockWrite();
     EXPECT_TRUE(otherThreadGets(original, kRead));
 

@@ -52,8 +52,7 @@ class SyncGuardContract : public ::testing::Test {
     static constexpr bool kReentrant = !kSharedReads && !std::is_same_v<Guard, LockFreeSpinLock>;
     static constexpr long kWaitCall = kSharedReads ? SYS_ppoll : SYS_futex;
 
-    // The mutex guard traces every refused probe; keep that out of the system log.
-    TesselTest::DebugOutputCapture m_trace;
+    TesselTest::DebugOutputCapture m_trace;  // the mutex guard's traces of refused probes
     Guard m_guard;
 };
 
@@ -91,8 +90,7 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
             EXPECT_FALSE(otherThreadGets(guard, kWrite));
             EXPECT_EQ(otherThreadGets(guard, kRead), read && TestFixture::kSharedReads);
             hold.Unlock();
-            EXPECT_TRUE(otherThreadGets(guard, kWrite));
-            EXPECT_TRUE(otherThreadGets(guard, kRead));
+            EXPECT_TRUE(otherThreadGets(guard, kWrite) && otherThreadGets(guard, kRead));
         }
     }
     guard.UnlockWrite();  // after holds as well
@@ -120,24 +118,20 @@ TYPED_TEST(SyncGuardContract, HolderKeepsOtherThreadsOutUntilItsLastUnlock) {
     EXPECT_FALSE(waiter.done()) << "one hold is still outstanding";
     guard.UnlockWrite();
     ASSERT_TRUE(waiter.finishes());
-    EXPECT_TRUE(otherThreadGets(guard, kWrite)) << "the waiter's holder let go at its end";
-    EXPECT_TRUE(otherThreadGets(guard, kRead));
-    // The fixture destroys the guard while it is held: what stays behind shows under the
-    // sanitizers.
+    EXPECT_TRUE(otherThreadGets(guard, kWrite) && otherThreadGets(guard, kRead)) << "let go";
+    // The fixture destroys it while held: what stays behind shows under the sanitizers.
     ASSERT_TRUE(guard.LockRead());
     ASSERT_TRUE(!TestFixture::kReentrant || (guard.LockWrite() && guard.LockRead()));
 }
 
 TYPED_TEST(SyncGuardContract, ReadersNeverSeeAWriteHalfDoneAndNoWriteIsLost) {
-    // Plain data, so that the thread sanitizer checks the lock's happens-before edges as well.
-    long first = 0, second = 0;
+    long first = 0, second = 0;  // plain data: the thread sanitizer checks the lock's edges
     std::atomic<long> writes{0}, faults{0};
     std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < 4000; ++i) {
-                const bool read = (i + t) % 2 == 0;
-                const bool wait = (i / 2) % 2 == 0;
+                const bool read = (i + t) % 2 == 0, wait = (i / 2) % 2 == 0;
                 CReadWriteLock hold(this->m_guard, read, false);
                 if (!(wait ? hold.Lock() : hold.TryLock())) {
                     faults += wait;  // a waiting lock is always granted
@@ -192,7 +186,6 @@ TEST(ReadWriteLock, EndsExactlyTheHoldsThatWereGrantedOnItsSide) {
             CReadWriteLock idle(guard, read, false);
             idle.Unlock();
         }
-        // The end of lock ends its one remaining hold.
-        EXPECT_EQ(guard.calls, read ? "ltltululu" : "LTLTULULU");
+        EXPECT_EQ(guard.calls, read ? "ltltululu" : "LTLTULULU");  // lock ended its last hold
     }
 }

@@ -14,9 +14,8 @@
 using namespace boost::posix_time;
 using boost::gregorian::date;
 
-// The difference is process-wide: leave it at 0 for the next test of the same run.
 struct TimeFunctions : ::testing::Test {
-    void TearDown() override { TIME::SetDeltaUTCTime(0.0); }
+    void TearDown() override { TIME::SetDeltaUTCTime(0.0); }  // it is process-wide
 };
 
 TEST_F(TimeFunctions, DeltaIsKeptInFiftyMicrosecondUnitsUpToOneDay) {
@@ -73,12 +72,9 @@ TEST_F(TimeFunctions, DateTimeTextIsTheLocalTimeAndIgnoresTheDelta) {
         const Stamp before = local();
         const std::string text = TIME::GetCurrentDateTimeAsString();
         const Stamp after = local();
-        ASSERT_TRUE(
-            std::regex_match(text, std::regex(R"(\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d\.\d{3})")))
-            << text;
-        const auto n = [&](std::size_t at, std::size_t count) {
-            return std::stoi(text.substr(at, count));
-        };
+        const std::regex format(R"(\d\d\.\d\d\.\d{4} \d\d:\d\d:\d\d\.\d{3})");
+        ASSERT_TRUE(std::regex_match(text, format)) << text;
+        const auto n = [&](int at, int count) { return std::stoi(text.substr(at, count)); };
         const Stamp stamp{n(6, 4), n(3, 2), n(0, 2), n(11, 2), n(14, 2), n(17, 2), n(20, 3)};
         EXPECT_LE(before, stamp) << text;
         EXPECT_LE(stamp, after) << text;

@@ -64,12 +64,10 @@ TEST(ActiveObject, NonZeroExitCodeIsReportedUnlessTheWorkerStoppedItself) {
     const LogCapture log;
     EXPECT_EQ(object.StopThread(), 1);
     EXPECT_EQ(object.GetThreadExitCode(), 7u);
-    EXPECT_TRUE(std::regex_match(
-        log.text(),
-        std::regex(
-            R"([^\n]* warning \[CActiveObject::StopThread\] BASE\(tessel_threads_tests,\d+\): )"
-            R"(ActiveObject stopped Thread\(Seven,Id\[\d+\]\) with exit code 7\(0x7\)\s+)")))
-        << log.text();
+    const std::regex report(
+        R"([^\n]* warning \[CActiveObject::StopThread\] BASE\(tessel_threads_tests,\d+\): )"
+        R"(ActiveObject stopped Thread\(Seven,Id\[\d+\]\) with exit code 7\(0x7\)\s+)");
+    EXPECT_TRUE(std::regex_match(log.text(), report)) << log.text();
     EXPECT_EQ(object.StopThread(), 0) << "the second stop";
 
     ASSERT_EQ(object.StartThread(__FILE__, __LINE__, "test", 0, nullptr, 0), 1);
@@ -160,22 +158,21 @@ TEST(ActiveObject, SlowWorkerIgnoringItsStopIsEndedInTwoStagesWithoutACrashUnles
     const std::string log = capture.text();
     const char* const stage1 = "1.Stage! CActiveObject Thread(Id[";
     const char* const stage2 = "2.Stage! CActiveObject TerminateThread(Id[";
-    EXPECT_TRUE(std::regex_search(
-        log, std::regex(
-                 R"( warning \[CActiveObject::StopThread\] BASE\(\w+,\d+\): 1\.Stage! )"
-                 R"(CActiveObject Thread\(Id\[\d+\]\) did not stop within timeout for )"
-                 R"(Stubborn\. m_ulStopTimeout = 100\n[\s\S]* error \[CActiveObject::StopThread\] )"
-                 R"(BASE\(\w+,\d+\): 2\.Stage! CActiveObject TerminateThread\(Id\[\d+\]\) called )"
-                 R"(for class Stubborn\. For further analysis activate 2ndStageCrash to write )"
-                 R"(dump files\.\n[\s\S]*with exit code 4294967295\(0xFFFFFFFF\))")))
-        << log;
-    // The time stamp (hh:mm:ss.mmm) of the line with text, in seconds.
+    const std::regex stages(
+        R"( warning \[CActiveObject::StopThread\] BASE\(\w+,\d+\): 1\.Stage! CActiveObject )"
+        R"(Thread\(Id\[\d+\]\) did not stop within timeout for Stubborn\. m_ulStopTimeout = )"
+        R"(100\n[\s\S]* error \[CActiveObject::StopThread\] BASE\(\w+,\d+\): 2\.Stage! )"
+        R"(CActiveObject TerminateThread\(Id\[\d+\]\) called for class Stubborn\. For further )"
+        R"(analysis activate 2ndStageCrash to write dump files\.\n[\s\S]*with exit code )"
+        R"(4294967295\(0xFFFFFFFF\))");
+    EXPECT_TRUE(std::regex_search(log, stages)) << log;
+    // Stage 1 after the stop time-out, stage 2 after the last chance of 5 seconds, by the time
+    // stamps (hh:mm:ss.mmm) of the lines.
     const auto stamp = [&](const char* text) {
         const std::size_t line = log.rfind('\n', log.find(text)) + 1;  // 0 for the first line
         return std::stoi(log.substr(line + 11, 2)) * 3600.0 +
                std::stoi(log.substr(line + 14, 2)) * 60.0 + std::stod(log.substr(line + 17, 6));
     };
-    // Stage 1 after the stop time-out, stage 2 after the last chance of 5 seconds.
     EXPECT_GE(stamp(stage1) - stamp("stop begins"), 0.09);
     EXPECT_GE(stamp(stage2) - stamp(stage1), 4.9);
     EXPECT_LT(stamp(stage1) - stamp("stop begins"), stamp(stage2) - stamp(stage1));
