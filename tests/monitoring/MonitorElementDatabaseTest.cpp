@@ -73,6 +73,10 @@ struct Observed {
     }
 };
 
+std::string rendered(Mode mode, const std::string& filter, bool strip = false) {
+    return Observed(mode, filter, strip).pass();
+}
+
 // The print line of a path, number text and unit; the List overview's lines are narrower.
 std::string line(const std::string& path, const std::string& number, const std::string& unit = "",
                  int width = 100) {
@@ -94,7 +98,7 @@ std::string json(const std::string& path, const std::string& number) {
     return "\"" + path + "\":[\"" + number + "\",\"\"]\r\n";
 }
 
-TEST(MonitorElementDatabase, AddMakesNamesUniqueAndFindOrAddDoesNot) {
+TEST(MonitorElementDatabase, AddMakesNamesUniqueFindOrAddDoesNotBothRefuseOverlongNames) {
     CMonitorElement* x = db().add("DbUnique/X", "");
     CMonitorElement* x0 = db().add("DbUnique/X", "");
     EXPECT_EQ(x->getPath(), base + "DbUnique/X");
@@ -112,6 +116,15 @@ TEST(MonitorElementDatabase, AddMakesNamesUniqueAndFindOrAddDoesNot) {
     EXPECT_EQ(db().findOrAdd("DbFind/Y", "s"), first);
     EXPECT_EQ(first->getUnit(), "ms");
     EXPECT_EQ(db().generateUniqueName(base + "DbFind/Y"), base + "DbFind/Y");  // not counted
+
+    // Names past the limits with the base are refused.
+    const std::uint64_t count = db().getLocalElementCount();
+    TesselTest::LogCapture log;
+    EXPECT_EQ(db().add(std::string(195, 'n'), ""), nullptr);  // long with the base
+    EXPECT_EQ(db().findOrAdd("/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u", ""), nullptr);
+    EXPECT_EQ(CMonitorElementContainer("Refused").add(std::string(250, 'x'), ""), nullptr);
+    EXPECT_EQ(db().getLocalElementCount(), count);
+    EXPECT_THAT(log.text(), HasSubstr(" error [MonitorElementDatabase::add] Monitor element ("));
 }
 
 TEST(MonitorElementDatabase, RemoveAndTheUseCountsOfNames) {
@@ -145,16 +158,6 @@ TEST(MonitorElementDatabase, UpdateWalksMatchingElementsInKeyOrder) {
     }
     EXPECT_EQ(walk("walk**"), (std::vector<std::string>{"begin", "Walk/A", "Walk/B", "Walk/B/2",
                                                         "Walk0/A", "end"}));
-}
-
-TEST(MonitorElementDatabase, OverlongNamesAreRefusedWithAnErrorLine) {
-    const std::uint64_t count = db().getLocalElementCount();
-    TesselTest::LogCapture log;
-    EXPECT_EQ(db().add(std::string(195, 'n'), ""), nullptr);  // long with the base
-    EXPECT_EQ(db().findOrAdd("/a/b/c/d/e/f/g/h/i/j/k/l/m/n/o/p/q/r/s/t/u", ""), nullptr);
-    EXPECT_EQ(CMonitorElementContainer("Refused").add(std::string(250, 'x'), ""), nullptr);
-    EXPECT_EQ(db().getLocalElementCount(), count);
-    EXPECT_THAT(log.text(), HasSubstr(" error [MonitorElementDatabase::add] Monitor element ("));
 }
 
 TEST(MonitorElementDatabase, InitMovesEveryElementToTheRootName) {
@@ -315,54 +318,47 @@ TEST(MonitorElementObserver, EachModeRendersOnePassInItsFormat) {
     const std::string prtg = "{ \"prtg\": { \"result\": [ ";
     const std::string channels = "{ \"channel\":\"Channel count\",\"value\": ";
     const std::string sum = "-------------------------\r\nAggregate: ";
-    const struct {
-        Mode mode;
-        std::string filter;
-        bool strip;
-        std::string expected;
-    } cases[] = {
-        {Mode::Print, "obs/p/*", false, pa + pb + "\r\n2 record(s) found\r\n"},
-        // What a pass that matches nothing leaves.
-        {Mode::Print, "nothing", false, "\r\n0 record(s) found\r\n"},
-        {Mode::Json, "nothing", false, "{}\r\n"},
-        {Mode::Prtg, "nothing", false, prtg + channels + "0}\r\n] } }\r\n"},
-        {Mode::Top, "nothing", false, ""},
-        {Mode::None, "*", false, ""},
-        // JSON has no blanks; a comma opens every line but the first.
-        {Mode::Json, "obs/p/*", false,
-         "{\"Obs/P/a\":[\"5\",\"ms\"]\r\n,\"Obs/P/b\":[\"2.500000\",\"%\"]\r\n}\r\n"},
-        {Mode::Prtg, "obs/p/*", true,
-         prtg +
-             "{\"channel\": \"a\", \"customunit\": \"ms\", \"float\": 1,\"value\": 5}\r\n"
-             ",{\"channel\": \"b\", \"customunit\": \"%\", \"float\": 1,\"value\": 2.500000}\r\n," +
-             channels + "2}\r\n] } }\r\n"},
-        // Stripping cuts the leading path elements that the whole pass shares.
-        {Mode::Json, "obs/s/x/one", true, "{" + json("one", "1") + "}\r\n"},
-        {Mode::Json, "obs/s/x/*", true, "{" + json("one", "1") + "," + json("two", "2") + "}\r\n"},
-        {Mode::Json, "obs/s/**", true,
-         "{" + json("x/one", "1") + "," + json("x/two", "2") + "," + json("y/three", "3") +
-             "}\r\n"},
-        // Obs,T,a,b,c after the first; the second cuts it to Obs,T,a,b, the third to Obs,T,a.
-        {Mode::Json, "obs/t/**", true,
-         "{" + json("b/c/d", "1") + "," + json("b/z", "2") + "," + json("e", "3") + "}\r\n"},
-        {Mode::Top, "obs/top/*", false, line("Obs/Top/z", "11") + top},
-        {Mode::Top, "obs/s/x/*", false, line("Obs/S/x/two", "2") + line("Obs/S/x/one", "1")},
-        // The sum as a double, in the notation that the last line left on the stream.
-        {Mode::Aggregate, "obs/p/*", false, pa + pb + sum + "7.500000\r\n"},
-        {Mode::Aggregate, "obs/agh/*", false,
-         line("Obs/Agh/a", "0.500000") + line("Obs/Agh/b", "3") + sum + "3.5\r\n"},
-        // The copies show the reset value; the live values stay.
-        {Mode::Reset, "obs/p/*", false, line("Obs/P/a", "0", "ms") + line("Obs/P/b", "0", "%")},
-        // Without a process monitor there is no trace, only the closing text.
-        {Mode::Backtrace, "obs/7/threads/*/load", false, "\r\n1 record(s) found\r\n"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(Observed(c.mode, c.filter, c.strip).pass(), c.expected)
-            << c.mode << " " << c.filter;
-    }
+    EXPECT_EQ(rendered(Mode::Print, "obs/p/*"), pa + pb + "\r\n2 record(s) found\r\n");
+    // What a pass that matches nothing leaves.
+    EXPECT_EQ(rendered(Mode::Print, "nothing"), "\r\n0 record(s) found\r\n");
+    EXPECT_EQ(rendered(Mode::Json, "nothing"), "{}\r\n");
+    EXPECT_EQ(rendered(Mode::Prtg, "nothing"), prtg + channels + "0}\r\n] } }\r\n");
+    EXPECT_EQ(rendered(Mode::Top, "nothing"), "");
+    EXPECT_EQ(rendered(Mode::None, "*"), "");
+    // JSON has no blanks; a comma opens every line but the first.
+    EXPECT_EQ(rendered(Mode::Json, "obs/p/*"),
+              "{\"Obs/P/a\":[\"5\",\"ms\"]\r\n,\"Obs/P/b\":[\"2.500000\",\"%\"]\r\n}\r\n");
+    EXPECT_EQ(
+        rendered(Mode::Prtg, "obs/p/*", true),
+        prtg +
+            "{\"channel\": \"a\", \"customunit\": \"ms\", \"float\": 1,\"value\": 5}\r\n"
+            ",{\"channel\": \"b\", \"customunit\": \"%\", \"float\": 1,\"value\": 2.500000}\r\n," +
+            channels + "2}\r\n] } }\r\n");
+    // Stripping cuts the leading path elements that the whole pass shares.
+    EXPECT_EQ(rendered(Mode::Json, "obs/s/x/one", true), "{" + json("one", "1") + "}\r\n");
+    EXPECT_EQ(rendered(Mode::Json, "obs/s/x/*", true),
+              "{" + json("one", "1") + "," + json("two", "2") + "}\r\n");
+    EXPECT_EQ(
+        rendered(Mode::Json, "obs/s/**", true),
+        "{" + json("x/one", "1") + "," + json("x/two", "2") + "," + json("y/three", "3") + "}\r\n");
+    // Obs,T,a,b,c after the first; the second cuts it to Obs,T,a,b, the third to Obs,T,a.
+    EXPECT_EQ(rendered(Mode::Json, "obs/t/**", true),
+              "{" + json("b/c/d", "1") + "," + json("b/z", "2") + "," + json("e", "3") + "}\r\n");
+    EXPECT_EQ(rendered(Mode::Top, "obs/top/*"), line("Obs/Top/z", "11") + top);
+    EXPECT_EQ(rendered(Mode::Top, "obs/s/x/*"),
+              line("Obs/S/x/two", "2") + line("Obs/S/x/one", "1"));
+    // The sum as a double, in the notation that the last line left on the stream.
+    EXPECT_EQ(rendered(Mode::Aggregate, "obs/p/*"), pa + pb + sum + "7.500000\r\n");
+    EXPECT_EQ(rendered(Mode::Aggregate, "obs/agh/*"),
+              line("Obs/Agh/a", "0.500000") + line("Obs/Agh/b", "3") + sum + "3.5\r\n");
+    // The copies show the reset value; the live values stay.
+    EXPECT_EQ(rendered(Mode::Reset, "obs/p/*"),
+              line("Obs/P/a", "0", "ms") + line("Obs/P/b", "0", "%"));
+    // Without a process monitor there is no trace, only the closing text.
+    EXPECT_EQ(rendered(Mode::Backtrace, "obs/7/threads/*/load"), "\r\n1 record(s) found\r\n");
     EXPECT_EQ(a->get(), 5.0);
     // Backtrace needs numeric process and thread ids in the path.
-    EXPECT_THROW(Observed(Mode::Backtrace, "obs/p/*").pass(), std::invalid_argument);
+    EXPECT_THROW(rendered(Mode::Backtrace, "obs/p/*"), std::invalid_argument);
 }
 
 TEST(MonitorElementObserver, WatchPrintsOnlyWhatChangedMinimumKeepsEqualValuesNaNAlways) {
@@ -413,11 +409,11 @@ TEST(MonitorElementObserver, ListShowsProcessesWithUptimeAndHeartbeatThenServerE
     element("Server/DumpCount", "", 3);
     element("Server/Memory/TotalPhys", "MB", 4096);  // not in the overview
     const std::string old = "Old/12" + std::string(39, ' ') + "    0d  1h  0m 59s   [ -- ]\r\n";
-    EXPECT_EQ(Observed(Mode::List, "*").pass(),
+    EXPECT_EQ(rendered(Mode::List, "*"),
               old + "Stn/11" + std::string(39, ' ') + "    1d  1h  1m  1s   [ UP ]\r\n\r\n" +
                   line("Server/DumpCount", "3", "", 50) + line("Server/Stats/CPU", "12", "%", 50));
     // Without server elements the overview ends with an empty line.
-    EXPECT_EQ(Observed(Mode::List, "old/**").pass(), old + "\r\n");
+    EXPECT_EQ(rendered(Mode::List, "old/**"), old + "\r\n");
 }
 
 }  // namespace

@@ -67,10 +67,8 @@ TEST(MonitorElementValue, WritersChangeTheValueAsDocumented) {
     EXPECT_EQ(element.get(), 2.5);
     element.increment(3);
     EXPECT_EQ(element.get(), 5.5);
-    ++element;
-    EXPECT_EQ(element.get(), 6.5);
-    --(--element);
-    EXPECT_EQ(element.get(), 4.5);
+    EXPECT_EQ((++element).get(), 6.5);
+    EXPECT_EQ((--(--element)).get(), 4.5);
     element.decrement(10);  // no floor
     EXPECT_EQ(element.get(), -5.5);
     element.reset();
@@ -162,7 +160,7 @@ TEST(MonitorElementIdentity, PathElementsIdentifierAndUnit) {
     EXPECT_EQ(CMonitorElement("A", "abcdefghijklmn").getUnit(), "abcdefghij");
 }
 
-TEST(MonitorElementIdentity, OrderAndEqualityLookOnlyAtThePath) {
+TEST(MonitorElementIdentity, OrderEqualityAndCopiesOfThePath) {
     const CMonitorElement comparator;
     const CMonitorElement ab("A/B", ""), abc("A/B/C", ""), a0b("A0/B", ""), aB("a/B", "");
     EXPECT_TRUE(comparator(ab, abc));   // a prefix sorts first
@@ -178,9 +176,7 @@ TEST(MonitorElementIdentity, OrderAndEqualityLookOnlyAtThePath) {
     EXPECT_TRUE(a == b);
     EXPECT_FALSE(a == CMonitorElement("X/y", "ms"));
     EXPECT_FALSE(a == CMonitorElement("X/Y/", "ms"));
-}
 
-TEST(MonitorElementIdentity, CopiesAndSetRootName) {
     CMonitorElement source("UnknownRootName/42/X", "ms");
     source.set(3.5);
     source.start();

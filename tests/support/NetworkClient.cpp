@@ -101,10 +101,6 @@ std::string TcpClient::readFor(milliseconds timeout) {
     return readComplete([] { return std::string::npos; }, timeout);
 }
 
-std::string TcpClient::readToEnd(milliseconds timeout) {
-    return readFor(timeout);
-}
-
 std::string TcpClient::readHttpResponse(milliseconds timeout) {
     return readComplete(
         [&] {

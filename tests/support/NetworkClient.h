@@ -29,7 +29,7 @@ class TcpClient {
     // Reads until the peer closes or timeout passes: whatever arrives within timeout.
     std::string readFor(milliseconds timeout);
     // The same, for a test that waits for the peer's end.
-    std::string readToEnd(milliseconds timeout);
+    std::string readToEnd(milliseconds timeout) { return readFor(timeout); }
     // Reads one HTTP response: the head, then Content-Length bytes of body.
     std::string readHttpResponse(milliseconds timeout);
     // True once a read has seen the peer's end of the stream.
