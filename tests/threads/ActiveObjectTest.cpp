@@ -131,18 +131,6 @@ TEST(ActiveObject, WorkerIsPublishedWhileItRunsAndEndsAtItsStopEvent) {
 }
 
 TEST(ActiveObject, SlowWorkerIgnoringItsStopIsEndedInTwoStagesWithoutACrashUnlessSwitchedOn) {
-    // The switch is the text TRUE in any case, read anew at each call.
-    const char* const key = "SOFTWARE\\Tarvo Works\\GPS Velkor\\DebugService";
-    const std::pair<const char*, bool> cases[] = {
-        {"true", true}, {"TRUE", true}, {"TrUe", true}, {"yes", false}, {"", false}};
-    for (const auto& [text, on] : cases) {
-        REG::Write(key, "Enable2ndStageCrash", text);
-        EXPECT_EQ(CActiveObject::IsSecondStageCrashActivated(), on) << text;
-    }
-    REG::DeleteEntry(key, "Enable2ndStageCrash");
-    REG::WriteLong(key, "Enable2ndStageCrash", 1);
-    EXPECT_FALSE(CActiveObject::IsSecondStageCrashActivated());
-
     Worker object("Stubborn", 100, [](Worker&) -> unsigned long {
         while (true) {
             std::this_thread::sleep_for(10ms);
@@ -176,4 +164,16 @@ TEST(ActiveObject, SlowWorkerIgnoringItsStopIsEndedInTwoStagesWithoutACrashUnles
     EXPECT_GE(stamp(stage1) - stamp("stop begins"), 0.09);
     EXPECT_GE(stamp(stage2) - stamp(stage1), 4.9);
     EXPECT_LT(stamp(stage1) - stamp("stop begins"), stamp(stage2) - stamp(stage1));
+
+    // The switch (off above: no key) is the text TRUE in any case, read anew at each call.
+    const char* const key = "SOFTWARE\\Tarvo Works\\GPS Velkor\\DebugService";
+    const std::pair<const char*, bool> cases[] = {
+        {"true", true}, {"TRUE", true}, {"TrUe", true}, {"yes", false}, {"", false}};
+    for (const auto& [text, on] : cases) {
+        REG::Write(key, "Enable2ndStageCrash", text);
+        EXPECT_EQ(CActiveObject::IsSecondStageCrashActivated(), on) << text;
+    }
+    REG::DeleteEntry(key, "Enable2ndStageCrash");
+    REG::WriteLong(key, "Enable2ndStageCrash", 1);
+    EXPECT_FALSE(CActiveObject::IsSecondStageCrashActivated());
 }
