@@ -1,8 +1,6 @@
 #include "support/ScratchRegistry.h"
 
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -35,35 +33,6 @@ const std::string& UseScratchRegistry() {
         return registry;
     }();
     return dir;
-}
-
-int RunProgram(const std::vector<std::string>& argv) {
-    std::vector<char*> arguments;
-    for (const std::string& argument : argv) {
-        arguments.push_back(const_cast<char*>(argument.c_str()));
-    }
-    arguments.push_back(nullptr);
-    pid_t pid = 0;
-    if (::posix_spawn(&pid, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0) {
-        return -1;
-    }
-    int status = 0;
-    if (::waitpid(pid, &status, 0) != pid) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-int RunInChild(int (*child)(void*), void* argument) {
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        std::exit(child(argument));  // exit handlers run, as at a normal end of a process
-    }
-    int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid) {
-        return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace TesselTest
