@@ -80,10 +80,10 @@ TEST(MutexSyncGuard, LocksFailAndAreTracedUntilCreateWhichClosesAFormerMutex) {
     ASSERT_TRUE(guard.Create(false, nullptr, nullptr));
     EXPECT_TRUE(guard.IsValid());
 
-    TesselTest::InvalidParameterThrows throws;
+    InvalidParameterThrows throws;
     EXPECT_NO_THROW(guard.Create(false, std::string(259, 'n').c_str(), nullptr));
     EXPECT_THROW(guard.Create(false, std::string(260, 'n').c_str(), nullptr),
-                 TesselTest::InvalidParameterError);
+                 InvalidParameterError);
 }
 
 TEST(MutexSyncGuard, CountsNestedHoldsButNotTheInitialOwnership) {
@@ -92,7 +92,7 @@ TEST(MutexSyncGuard, CountsNestedHoldsButNotTheInitialOwnership) {
     CMutexSyncGuard guard;
     ASSERT_TRUE(guard.Create(true, name.c_str(), nullptr));
     EXPECT_FALSE(otherThreadGets(guard)) << "owned by the creator";
-    // Lock (LockWrite or TryLockRead) or Unlock; the count after it, with this thread as owner.
+    // Lock (LockWrite or TryLockRead) or Unlock; the count after it (owner: this thread unless 0).
     const std::string steps = "-LLLUULUUU";
     const unsigned long counts[] = {0, 1, 2, 3, 2, 1, 2, 1, 0, 0};
     for (std::size_t i = 0; i < steps.size(); ++i) {
