@@ -84,9 +84,6 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const ChildOpti
     if (options.captureError) {
         posix_spawn_file_actions_adddup2(&actions, error[1], STDERR_FILENO);
     }
-    for (const auto& [from, to] : options.descriptors) {
-        posix_spawn_file_actions_adddup2(&actions, from, to);
-    }
     std::vector<char*> arguments;
     for (const std::string& argument : argv) {
         arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -172,12 +169,6 @@ std::string ChildProcess::readAll(milliseconds timeout) {
 
 std::string ChildProcess::readError(milliseconds timeout) {
     return readToEnd(m_err, timeout);
-}
-
-void ChildProcess::signal(int number) {
-    if (m_pid > 0) {
-        ::kill(m_pid, number);
-    }
 }
 
 int ChildProcess::finish(milliseconds timeout) {

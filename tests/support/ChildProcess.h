@@ -9,7 +9,6 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace TesselTest {
@@ -19,8 +18,6 @@ using std::chrono::milliseconds;
 struct ChildOptions {
     // Variables of the child's environment that replace or add to the test's own.
     std::map<std::string, std::string> environment;
-    // Further descriptors of the test that the child gets: {test's fd, child's fd}.
-    std::vector<std::pair<int, int>> descriptors;
     // Standard error on a pipe of its own (readError), instead of the test's.
     bool captureError = false;
 };
@@ -46,8 +43,6 @@ class ChildProcess {
     std::string readAll(milliseconds timeout);
     // All of its standard error up to its end; "" unless captured.
     std::string readError(milliseconds timeout);
-    // Sends signal to it.
-    void signal(int number);
     // Closes its standard input and waits up to timeout for its end: its exit status, 128 +
     // the signal for a child ended by a signal, or -1 (and the child killed) after timeout.
     int finish(milliseconds timeout = milliseconds(60000));
