@@ -164,7 +164,10 @@ int main(int argc, char** argv) {
     }
     std::string commandLine;
     for (int i = 0; i < argc; ++i) {
-        commandLine += (i > 0 ? " " : "") + std::string(argv[i]);
+        if (i > 0) {
+            commandLine += ' ';
+        }
+        commandLine += argv[i];
     }
     record(commandLine);
 

@@ -134,7 +134,12 @@ void appendHex(std::string& out, const std::string& head, const std::string& pre
 }
 
 void appendValue(std::string& out, const Value& value) {
-    const std::string head = value.name.empty() ? "@=" : "\"" + escape(value.name) + "\"=";
+    std::string head = "@=";
+    if (!value.name.empty()) {
+        head = '"';
+        head += escape(value.name);
+        head += "\"=";
+    }
     char prefix[24];
     std::snprintf(prefix, sizeof prefix, "hex(%x):", static_cast<unsigned>(value.type));
     switch (value.type) {
