@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/Process.h"
@@ -35,6 +37,16 @@ inline int bindAbstract(int fd, const std::string& name) {
     std::memcpy(address.sun_path + 1, name.data(), name.size());
     return ::bind(fd, reinterpret_cast<sockaddr*>(&address),
                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size()));
+}
+
+// What the open descriptors of process pid ("self": this one) refer to.
+inline std::vector<std::string> descriptorTargets(const std::string& pid = "self") {
+    std::vector<std::string> targets;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/" + pid + "/fd")) {
+        std::error_code closed;  // meanwhile
+        targets.push_back(std::filesystem::read_symlink(fd.path(), closed).string());
+    }
+    return targets;
 }
 
 }  // namespace PlatformTest

@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -42,12 +41,8 @@ using Tessel::CHandle;
 
 namespace {
 
-CHandle autoEvent(bool set = false) {
-    return CHandle(CreateEventA(nullptr, FALSE, set ? TRUE : FALSE, nullptr));
-}
-
-CHandle manualEvent(bool set = false) {
-    return CHandle(CreateEventA(nullptr, TRUE, set ? TRUE : FALSE, nullptr));
+CHandle newEvent(BOOL manualReset, BOOL initialState = FALSE) {
+    return CHandle(CreateEventA(nullptr, manualReset, initialState, nullptr));
 }
 
 // What body returns when run on a thread of its own.
@@ -55,12 +50,6 @@ DWORD onAnotherThread(std::function<DWORD()> body) {
     AsyncCall call(std::move(body));
     EXPECT_TRUE(call.finishes());
     return call.result();
-}
-
-long long elapsedMs(std::chrono::steady_clock::time_point since) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 since)
-        .count();
 }
 
 using Calls = std::vector<std::unique_ptr<AsyncCall>>;
@@ -81,18 +70,6 @@ bool exactlyReleased(const Calls& calls, int expected) {
     return released() == expected;
 }
 
-// Applies S (Set), R (Reset) or P (Pulse) to event.
-BOOL apply(char operation, HANDLE event) {
-    switch (operation) {
-        case 'S':
-            return SetEvent(event);
-        case 'R':
-            return ResetEvent(event);
-        default:
-            return PulseEvent(event);
-    }
-}
-
 // --- events ---
 
 TEST(Event, SetResetAndPulseWithAndWithoutWaitingThreads) {
@@ -103,19 +80,16 @@ TEST(Event, SetResetAndPulseWithAndWithoutWaitingThreads) {
         BOOL initialState;
         const char* script;
     } cases[] = {
-        {FALSE, FALSE, "0"},         {FALSE, TRUE, "10"},  // taking it resets it
-        {TRUE, FALSE, "0"},          {TRUE, TRUE, "11R0"},
-        {FALSE, FALSE, "SS10"},  // one signal
-        {FALSE, FALSE, "SR0"},       {TRUE, FALSE, "SRR0S1"},
-        {FALSE, TRUE, "P0"},         {FALSE, FALSE, "P0"},  // a pulse leaves it reset
-        {TRUE, TRUE, "P0"},          {TRUE, FALSE, "P0S1"},
-        {TRUE, FALSE, "WWWS=31"},    // all, and it stays set
-        {TRUE, FALSE, "WWWP=30"},    // all, and it is reset
+        {FALSE, FALSE, "0"},        {FALSE, TRUE, "10"},     // taking it resets it
+        {TRUE, TRUE, "11R0"},       {FALSE, FALSE, "SS10"},  // one signal
+        {FALSE, FALSE, "SR0"},      {TRUE, FALSE, "SRR0S1"},
+        {FALSE, TRUE, "P0"},        {FALSE, FALSE, "P0"},      // a pulse leaves it reset
+        {TRUE, TRUE, "P0"},         {TRUE, FALSE, "WWWS=31"},  // all, and it stays set
+        {TRUE, FALSE, "WWWP=30"},                              // all, and it is reset
         {TRUE, FALSE, "WWWSR=30"},   // all, reset long before they run: they were waiting
         {FALSE, FALSE, "WWWS=10"},   // one, which took the signal
         {FALSE, FALSE, "WWWP=10"},   // one, and it is reset
         {FALSE, FALSE, "WWWSS=20"},  // both Sets find threads waiting: neither is lost
-        {FALSE, FALSE, "WWWSSS=30"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << "manual " << c.manualReset << " initial "
@@ -135,21 +109,21 @@ TEST(Event, SetResetAndPulseWithAndWithoutWaitingThreads) {
                 EXPECT_EQ(WaitForSingleObject(event, 0),
                           *step == '1' ? WAIT_OBJECT_0 : WAIT_TIMEOUT);
             } else {
-                EXPECT_TRUE(apply(*step, event));
+                EXPECT_TRUE((*step == 'S'   ? SetEvent
+                             : *step == 'R' ? ResetEvent
+                                            : PulseEvent)(event));
             }
         }
         for (std::size_t i = 0; i < waiters.size(); ++i) {
             SetEvent(event);  // lets the others go
         }
-        waiters.clear();
-        EXPECT_TRUE(CloseHandle(event.Detach()));
     }
 }
 
 TEST(Event, ManyHandOversLoseNoWakeUp) {
     // Two threads pass the turn back and forth through two automatic-reset events.
-    CHandle ping = autoEvent();
-    CHandle pong = autoEvent();
+    CHandle ping = newEvent(FALSE);
+    CHandle pong = newEvent(FALSE);
     constexpr int kRounds = 2000;
     AsyncCall partner([&] {
         for (int i = 0; i < kRounds; ++i) {
@@ -200,12 +174,12 @@ void countSignal(int) {
     ++g_signals;
 }
 
-TEST(Wait, TimeoutsExpireInFullEvenUnderSignalsAndInfiniteWaitsEndWhenSignalled) {
+TEST(Wait, TimeoutsExpireInFullEvenUnderSignals) {
     struct sigaction action {};
     action.sa_handler = &countSignal;  // no SA_RESTART: the waits see EINTR
     struct sigaction previous {};
     ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
-    CHandle event = autoEvent();
+    CHandle event = newEvent(FALSE);
     CHandle mutex(CreateMutexA(nullptr, TRUE, nullptr));  // held by this thread throughout
     const HANDLE both[] = {event, mutex};
     const struct {
@@ -218,7 +192,7 @@ TEST(Wait, TimeoutsExpireInFullEvenUnderSignalsAndInfiniteWaitsEndWhenSignalled)
         {"all", [](const HANDLE* o, DWORD t) { return WaitForMultipleObjects(2, o, TRUE, t); }},
     };
     for (const auto& c : cases) {
-        for (DWORD timeout : {0u, 30u, 500u}) {
+        for (DWORD timeout : {0u, 500u}) {
             SCOPED_TRACE(testing::Message() << c.what << " " << timeout << " ms");
             std::atomic<pthread_t> waiter{};
             const auto start = std::chrono::steady_clock::now();
@@ -232,19 +206,12 @@ TEST(Wait, TimeoutsExpireInFullEvenUnderSignalsAndInfiniteWaitsEndWhenSignalled)
                 std::this_thread::sleep_for(5ms);
             }
             EXPECT_EQ(call.result(), WAIT_TIMEOUT);
-            EXPECT_GE(elapsedMs(start), static_cast<long long>(timeout));
+            EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(timeout));
         }
     }
     EXPECT_GT(g_signals.load(), 0);
     ::sigaction(SIGUSR1, &previous, nullptr);
     ReleaseMutex(mutex);
-
-    AsyncCall call([&] { return WaitForSingleObject(event, INFINITE); });
-    ASSERT_TRUE(call.blocked());
-    EXPECT_FALSE(call.done());
-    SetEvent(event);
-    ASSERT_TRUE(call.finishes());
-    EXPECT_EQ(call.result(), WAIT_OBJECT_0);
 }
 
 TEST(Wait, BadHandlesArgumentsAndNamesFail) {
@@ -256,6 +223,8 @@ TEST(Wait, BadHandlesArgumentsAndNamesFail) {
             EXPECT_EQ(failureOf(operation(handle)), ERROR_INVALID_HANDLE);
         }
     }
+    EXPECT_EQ(failureOf(ReleaseMutex(event)), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(failureOf(ReleaseMutex(nullptr)), ERROR_INVALID_HANDLE);
     EXPECT_EQ(failureOf(OpenEventA(SYNCHRONIZE, FALSE, nullptr)), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(failureOf(CreateEventA(nullptr, FALSE, FALSE, std::string(300, 'x').c_str())),
               ERROR_FILENAME_EXCED_RANGE);
@@ -296,14 +265,15 @@ TEST(Wait, ZeroTimeWaitsOnSeveralEvents) {
         const char* after;
     } cases[] = {
         {"011", FALSE, WAIT_OBJECT_0 + 1, "001"},  // the lowest index, and only it, is taken
-        {"100", FALSE, WAIT_OBJECT_0, "000"},     {"000", FALSE, WAIT_TIMEOUT, "000"},
+        {"000", FALSE, WAIT_TIMEOUT, "000"},
         {"110", TRUE, WAIT_TIMEOUT, "110"},  // nothing is taken unless all are there
         {"111", TRUE, WAIT_OBJECT_0, "000"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.before << " all " << c.waitAll);
-        CHandle owners[3] = {autoEvent(c.before[0] == '1'), autoEvent(c.before[1] == '1'),
-                             autoEvent(c.before[2] == '1')};
+        CHandle owners[3] = {newEvent(FALSE, c.before[0] == '1'),
+                             newEvent(FALSE, c.before[1] == '1'),
+                             newEvent(FALSE, c.before[2] == '1')};
         const HANDLE events[] = {owners[0], owners[1], owners[2]};
         EXPECT_EQ(WaitForMultipleObjects(3, events, c.waitAll, 0), c.result);
         for (int i = 0; i < 3; ++i) {
@@ -317,8 +287,8 @@ TEST(Wait, ZeroTimeWaitsOnSeveralEvents) {
 TEST(Wait, AnyGivesBackTheSignalsItDidNotUse) {
     // Both Sets may be handed to the one waiting thread before it looks; it takes one, and
     // the other event must stay signalled.
-    CHandle first = autoEvent();
-    CHandle second = autoEvent();
+    CHandle first = newEvent(FALSE);
+    CHandle second = newEvent(FALSE);
     const HANDLE events[] = {first, second};
     AsyncCall call([&] { return WaitForMultipleObjects(2, events, FALSE, 5000); });
     ASSERT_TRUE(call.blocked());
@@ -332,8 +302,8 @@ TEST(Wait, AnyGivesBackTheSignalsItDidNotUse) {
 }
 
 TEST(Wait, PulseUnusedByItsFirstWaiterReachesTheNextOne) {
-    CHandle manual = manualEvent();
-    CHandle pulsed = autoEvent();
+    CHandle manual = newEvent(TRUE);
+    CHandle pulsed = newEvent(FALSE);
     const HANDLE both[] = {manual, pulsed};
     AsyncCall first([&] { return WaitForMultipleObjects(2, both, FALSE, 5000); });
     ASSERT_TRUE(first.blocked());
@@ -349,8 +319,8 @@ TEST(Wait, PulseUnusedByItsFirstWaiterReachesTheNextOne) {
 }
 
 TEST(Wait, AllWaitsForTheLastObjectAndThenTakesThemTogether) {
-    CHandle first = autoEvent();
-    CHandle manual = manualEvent();
+    CHandle first = newEvent(FALSE);
+    CHandle manual = newEvent(TRUE);
     CHandle mutex(CreateMutexA(nullptr, TRUE, nullptr));
     const HANDLE objects[] = {first, manual, mutex};
     AsyncCall call([&] {
@@ -383,9 +353,9 @@ DWORD threadCpuMs() {
 }
 
 TEST(Wait, WaitingThreadsDoNotSpin) {
-    CHandle manualSet = manualEvent(true);
-    CHandle unset = autoEvent();
-    CHandle autoSet = autoEvent(true);
+    CHandle manualSet = newEvent(TRUE, TRUE);
+    CHandle unset = newEvent(FALSE);
+    CHandle autoSet = newEvent(FALSE, TRUE);
     CHandle mutex(CreateMutexA(nullptr, TRUE, nullptr));  // held here throughout
     // Waits for all that find some objects there and others not; the second pair take the
     // event and give it back on each try, and must not keep waking each other.
@@ -414,7 +384,7 @@ std::string uniqueName() {
     return PlatformTest::uniqueName("Global\\tessel-test-event");
 }
 
-TEST(SystemEvent, SetByNameReleasesOneWaitOfAnyHandleAndResetsItself) {
+TEST(SystemEvent, SetByNameReleasesOneWaitOfAnyHandleAndResetsItselfWhileTheNameLives) {
     const std::string name = uniqueName();
     HANDLE first = CreateSystemEvent(name.c_str());
     ASSERT_NE(first, nullptr);
@@ -434,26 +404,9 @@ TEST(SystemEvent, SetByNameReleasesOneWaitOfAnyHandleAndResetsItself) {
     EXPECT_EQ(WaitForSingleObject(first, INFINITE), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_TIMEOUT);
 
-    // The name lives until its last handle is closed.
-    EXPECT_EQ(CloseHandle(first), TRUE);
-    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
-    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(CloseHandle(second), TRUE);
-    EXPECT_EQ(failureOf(SetSystemEvent(name.c_str())), ERROR_FILE_NOT_FOUND);
-}
-
-TEST(SystemEvent, WakesAThreadThatWaitsAlsoAmongOtherObjects) {
-    const std::string name = uniqueName();
-    CHandle event(CreateSystemEvent(name.c_str()));
-    ASSERT_NE(event, nullptr);
-    AsyncCall single([&] { return WaitForSingleObject(event, INFINITE); });
-    ASSERT_TRUE(single.blocked());
-    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
-    ASSERT_TRUE(single.finishes());
-    EXPECT_EQ(single.result(), WAIT_OBJECT_0);
-
-    CHandle other = autoEvent();
-    const HANDLE both[2] = {other, event};
+    // It wakes a thread that waits for it among other objects, and waits for all take it.
+    CHandle other = newEvent(FALSE);
+    const HANDLE both[2] = {other, second};
     AsyncCall any([&] { return WaitForMultipleObjects(2, both, FALSE, INFINITE); });
     ASSERT_TRUE(any.blocked());
     EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
@@ -462,7 +415,14 @@ TEST(SystemEvent, WakesAThreadThatWaitsAlsoAmongOtherObjects) {
     EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
     EXPECT_EQ(SetEvent(other), TRUE);
     EXPECT_EQ(WaitForMultipleObjects(2, both, TRUE, 0), WAIT_OBJECT_0);
-    EXPECT_EQ(WaitForSingleObject(event, 0), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(first, 0), WAIT_TIMEOUT);
+
+    // The name lives until its last handle is closed.
+    EXPECT_EQ(CloseHandle(first), TRUE);
+    EXPECT_EQ(SetSystemEvent(name.c_str()), TRUE);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(CloseHandle(second), TRUE);
+    EXPECT_EQ(failureOf(SetSystemEvent(name.c_str())), ERROR_FILE_NOT_FOUND);
 }
 
 TEST(SystemEvent, NameHeldElsewhereGivesAHandleThatNeverSignals) {
@@ -495,45 +455,22 @@ bool segmentExists(const std::string& key) {
     return ::access(("/dev/shm/tessel.mutex." + key).c_str(), F_OK) == 0;
 }
 
-// Whether the single thread of process pid sleeps in the kernel, as a wait for a held mutex.
-bool sleepsOnAMutex(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/syscall");
-    long number = -1;
-    return file >> number && number == SYS_futex;
-}
-
-TEST(Mutex, OwnerMayAcquireAgainAndMustReleaseEachTime) {
+TEST(Mutex, OnlyItsOwnerReleasesItAndAThreadThatEndsOwningItAbandonsIt) {
     HANDLE mutex = CreateMutexA(nullptr, TRUE, nullptr);
     ASSERT_NE(mutex, nullptr);
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(mutex, INFINITE), WAIT_OBJECT_0);
-    // Another thread: a release that it may not make, and a zero-time test.
-    auto probe = [&] {
-        return onAnotherThread([&] {
-            if (failureOf(ReleaseMutex(mutex)) != ERROR_NOT_OWNER) {
-                return DWORD{0xBAD};
-            }
-            const DWORD result = WaitForSingleObject(mutex, 0);
-            ReleaseMutex(mutex);
-            return result;
-        });
-    };
-    for (int held = 3; held > 0; --held) {
-        EXPECT_EQ(probe(), WAIT_TIMEOUT) << held << " acquisitions outstanding";
-        EXPECT_TRUE(ReleaseMutex(mutex));
-    }
-    EXPECT_EQ(probe(), WAIT_OBJECT_0);
+    EXPECT_EQ(onAnotherThread([&] { return failureOf(ReleaseMutex(mutex)); }), ERROR_NOT_OWNER);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(onAnotherThread([&] { return WaitForSingleObject(mutex, 0); }), WAIT_TIMEOUT)
+        << "the creator's acquisition is outstanding";
+    EXPECT_TRUE(ReleaseMutex(mutex));
     EXPECT_EQ(failureOf(ReleaseMutex(mutex)), ERROR_NOT_OWNER);
-    CloseHandle(mutex);
-}
 
-TEST(Mutex, ThreadThatEndsOwningItAbandonsIt) {
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, nullptr);
-    HANDLE held = CreateMutexA(nullptr, TRUE, nullptr);
     EXPECT_EQ(onAnotherThread([&] { return WaitForSingleObject(mutex, 0); }), WAIT_OBJECT_0);
-    // A wait for all that cannot complete (the second mutex is held here) takes the first
-    // and gives it back; the abandonment is still reported to the next owner.
+    // A wait for all that cannot complete (the second mutex is held here) takes the abandoned
+    // one and gives it back; the abandonment is still reported to the next owner.
+    HANDLE held = CreateMutexA(nullptr, TRUE, nullptr);
     const HANDLE objects[] = {mutex, held};
     EXPECT_EQ(onAnotherThread([&] { return WaitForMultipleObjects(2, objects, TRUE, 0); }),
               WAIT_TIMEOUT);
@@ -585,39 +522,6 @@ TEST(Mutex, NamedMutexExistsWhileAHandleIsOpen) {
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     CloseHandle(odd);
     CloseHandle(plain);
-
-    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
-    for (HANDLE handle : {HANDLE{nullptr}, event}) {
-        EXPECT_EQ(failureOf(ReleaseMutex(handle)), ERROR_INVALID_HANDLE);
-    }
-    CloseHandle(event);
-}
-
-TEST(Mutex, AnotherProcessOpensItByNameAndItsDeathAbandonsIt) {
-    const std::string name = "Global\\" + uniqueKey();
-    HANDLE mutex = CreateMutexA(nullptr, TRUE, name.c_str());
-    ASSERT_NE(mutex, nullptr);
-    // The child finds it by its name, waits while it is held here, and ends holding it twice.
-    const pid_t child = ::fork();
-    if (child == 0) {
-        HANDLE opened = OpenMutexA(SYNCHRONIZE, FALSE, name.c_str());
-        ::_exit(opened == nullptr                                    ? 1
-                : WaitForSingleObject(opened, 0) != WAIT_TIMEOUT     ? 2
-                : WaitForSingleObject(opened, 5000) != WAIT_OBJECT_0 ? 3
-                : WaitForSingleObject(opened, 0) != WAIT_OBJECT_0    ? 4
-                                                                     : 0);
-    }
-    ASSERT_GT(child, 0);
-    EXPECT_TRUE(eventually([&] { return sleepsOnAMutex(child); }));
-    EXPECT_TRUE(ReleaseMutex(mutex));
-    EXPECT_EQ(WaitForChild(child, 10000ms), 0);
-
-    EXPECT_EQ(WaitForSingleObject(mutex, 5000), WAIT_ABANDONED);
-    EXPECT_TRUE(ReleaseMutex(mutex));
-    EXPECT_FALSE(ReleaseMutex(mutex));
-    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
-    EXPECT_TRUE(ReleaseMutex(mutex));
-    CloseHandle(mutex);
 }
 
 TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
@@ -656,11 +560,29 @@ TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
     ::munmap(shared, 2 * sizeof(int));
 }
 
-TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
+TEST(Mutex, ProcessesThatDieAbandonItOrLeaveRemnantsThatAreNoMutexes) {
     const std::string key = uniqueKey();
-    // A process that dies holding the only handle (and the mutex) leaves its segment behind.
+    HANDLE mutex = CreateMutexA(nullptr, FALSE, key.c_str());
+    ASSERT_NE(mutex, nullptr);
+    // One that finds it by name and dies owning it twice leaves one abandoned acquisition.
+    EXPECT_EQ(RunInChild([&] {
+                  HANDLE opened = OpenMutexA(SYNCHRONIZE, FALSE, key.c_str());
+                  return opened != nullptr && WaitForSingleObject(opened, 0) == WAIT_OBJECT_0 &&
+                                 WaitForSingleObject(opened, 0) == WAIT_OBJECT_0
+                             ? 0
+                             : 1;
+              }),
+              0);
+    EXPECT_EQ(WaitForSingleObject(mutex, 5000), WAIT_ABANDONED);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    EXPECT_EQ(failureOf(ReleaseMutex(mutex)), ERROR_NOT_OWNER);
+    EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);
+    EXPECT_TRUE(ReleaseMutex(mutex));
+    CloseHandle(mutex);
+
+    // One that dies holding the only handle (and the mutex) leaves its segment behind.
     ASSERT_EQ(RunInChild([&] {
-                  HANDLE mutex = CreateMutexA(nullptr, TRUE, key.c_str());
+                  mutex = CreateMutexA(nullptr, TRUE, key.c_str());
                   return mutex != nullptr && GetLastError() == ERROR_SUCCESS ? 0 : 1;
               }),
               0);
@@ -672,7 +594,7 @@ TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
     const int fd = ::shm_open(("/tessel.mutex." + key).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
     ASSERT_GE(fd, 0);
     ::close(fd);
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, key.c_str());
+    mutex = CreateMutexA(nullptr, FALSE, key.c_str());
     ASSERT_NE(mutex, nullptr);
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_EQ(WaitForSingleObject(mutex, 0), WAIT_OBJECT_0);  // a new mutex, not abandoned
@@ -681,57 +603,27 @@ TEST(Mutex, RemnantsOfDeadProcessesAreNotExistingMutexes) {
     EXPECT_FALSE(segmentExists(key));
 }
 
-TEST(CriticalSection, OwnerEntersAgainAndOthersWaitForTheLastLeaveWhateverTheSpinCount) {
-    for (DWORD spinCount : {0u, 4000u, 0x80000FA0u}) {  // the high flag bit is ignored
+TEST(CriticalSection, WaiterSpinsAsSetThenSleepsUntilTheOwnersLastLeave) {
+    // No spin phase, and one of 4000 rounds (flag bits above the count are ignored).
+    for (DWORD spinCount : {0u, 0x80000FA0u}) {
         SCOPED_TRACE(spinCount);
         CRITICAL_SECTION section;
-        ASSERT_TRUE(spinCount == 4000u
-                        ? InitializeCriticalSectionEx(&section, spinCount, 0)
-                        : InitializeCriticalSectionAndSpinCount(&section, spinCount));
-        auto tryElsewhere = [&] {
-            return onAnotherThread([&] {
-                const BOOL entered = TryEnterCriticalSection(&section);
-                if (entered) {
-                    LeaveCriticalSection(&section);
-                }
-                return static_cast<DWORD>(entered);
-            });
-        };
+        ASSERT_TRUE(spinCount == 0 ? InitializeCriticalSectionAndSpinCount(&section, spinCount)
+                                   : InitializeCriticalSectionEx(&section, spinCount, 0));
         EnterCriticalSection(&section);
         EXPECT_TRUE(TryEnterCriticalSection(&section));
-        EnterCriticalSection(&section);
-        for (int held = 3; held > 0; --held) {
-            EXPECT_EQ(tryElsewhere(), 0u) << held << " entries outstanding";
-            if (held > 1) {
-                LeaveCriticalSection(&section);
-            }
-        }
         AsyncCall enter([&] {
             EnterCriticalSection(&section);
             LeaveCriticalSection(&section);
             return DWORD{0};
         });
-        ASSERT_TRUE(enter.blocked(SYS_futex));  // spun, then went to sleep
+        ASSERT_TRUE(enter.blocked(SYS_futex));
+        LeaveCriticalSection(&section);
+        auto tryElsewhere = [&] { return static_cast<DWORD>(TryEnterCriticalSection(&section)); };
+        EXPECT_EQ(onAnotherThread(tryElsewhere), 0u) << "one entry outstanding";
         EXPECT_FALSE(enter.done());
         LeaveCriticalSection(&section);
         EXPECT_TRUE(enter.finishes());
-        EXPECT_NE(tryElsewhere(), 0u);
-
-        long counter = 0;  // guarded by section only
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&] {
-                for (int i = 0; i < 20000; ++i) {
-                    EnterCriticalSection(&section);
-                    counter = counter + 1;
-                    LeaveCriticalSection(&section);
-                }
-            });
-        }
-        for (auto& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(counter, 4 * 20000);
         DeleteCriticalSection(&section);
     }
 }
@@ -828,7 +720,6 @@ TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
         {someWindow, 0, 0, {}, all},  // a window has none
         {nullptr, WM_USER + 1, WM_APP, {WM_USER + 1, WM_APP}, {WM_USER, WM_QUIT}},
         {nullptr, WM_QUIT, WM_QUIT, {WM_QUIT}, {WM_USER, WM_USER + 1, WM_APP}},
-        {nullptr, 1, 2, {}, all},
     };
     makeQueue();
     for (const auto& c : cases) {
@@ -866,25 +757,9 @@ TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
               ERROR_INVALID_PARAMETER);
 }
 
-TEST(MessageQueue, WaitEndsForAMessagePostedByAnotherThread) {
-    CHandle event = manualEvent();
-    const HANDLE objects[] = {event};
-    std::atomic<DWORD> waiter{0};
-    AsyncCall call([&] {
-        makeQueue();
-        waiter = GetCurrentThreadId();
-        return MsgWaitForMultipleObjects(1, objects, FALSE, INFINITE, QS_ALLINPUT);
-    });
-    ASSERT_TRUE(call.blocked(SYS_ppoll));
-    EXPECT_FALSE(call.done());
-    ASSERT_TRUE(PostThreadMessageA(waiter, WM_USER, 0, 0));
-    ASSERT_TRUE(call.finishes());
-    EXPECT_EQ(call.result(), WAIT_OBJECT_0 + 1);
-}
-
-TEST(MessageQueue, WaitResultsForObjectsTimeOutAndCountZero) {
-    CHandle unsignalled = manualEvent();
-    CHandle signalled = manualEvent();
+TEST(MessageQueue, WaitResultsAndMessagesThatTheThreadHasNotLookedAt) {
+    CHandle unsignalled = newEvent(TRUE);
+    CHandle signalled = newEvent(TRUE);
     SetEvent(signalled);
     const HANDLE both[] = {unsignalled, signalled};
     makeQueue();
@@ -900,23 +775,15 @@ TEST(MessageQueue, WaitResultsForObjectsTimeOutAndCountZero) {
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 0, QS_POSTMESSAGE), WAIT_OBJECT_0 + 1);
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_KEY | QS_TIMER), WAIT_TIMEOUT)
         << "a wake mask without posted messages ignores them";
-}
 
-TEST(MessageQueue, WaitEndsOnlyForMessagesThatTheThreadHasNotLookedAt) {
-    CHandle event = manualEvent();
-    const HANDLE objects[] = {event};
-    makeQueue();
-    ASSERT_TRUE(post(WM_USER));
-    for (int wait = 0; wait < 2; ++wait) {  // the wait itself is no look at the queue
-        EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 0, QS_ALLINPUT), WAIT_OBJECT_0 + 1);
-    }
-    // A look that leaves the message (a filter that passes it over, or PM_NOREMOVE) counts.
+    // Only a look at the queue (not a wait) ends the message's turn, also one that leaves it:
+    // a filter that passes it over, or PM_NOREMOVE.
     MSG message;
     EXPECT_FALSE(PeekMessageA(&message, nullptr, WM_APP, WM_APP, PM_REMOVE));
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
     ASSERT_TRUE(post(WM_USER + 1));
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE));
-    EXPECT_EQ(MsgWaitForMultipleObjects(1, objects, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
+    EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
     EXPECT_EQ(takeAll(), (std::vector<UINT>{WM_USER, WM_USER + 1}));
 }
 
