@@ -256,40 +256,17 @@ TEST(Wait, BadHandlesArgumentsAndNamesFail) {
     EXPECT_FALSE(CloseHandle(nullptr));
 }
 
-TEST(Wait, ZeroTimeWaitsOnSeveralEvents) {
-    // The automatic-reset events set before, the result, and those still set afterwards.
-    const struct {
-        const char* before;
-        BOOL waitAll;
-        DWORD result;
-        const char* after;
-    } cases[] = {
-        {"011", FALSE, WAIT_OBJECT_0 + 1, "001"},  // the lowest index, and only it, is taken
-        {"000", FALSE, WAIT_TIMEOUT, "000"},
-        {"110", TRUE, WAIT_TIMEOUT, "110"},  // nothing is taken unless all are there
-        {"111", TRUE, WAIT_OBJECT_0, "000"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.before << " all " << c.waitAll);
-        CHandle owners[3] = {newEvent(FALSE, c.before[0] == '1'),
-                             newEvent(FALSE, c.before[1] == '1'),
-                             newEvent(FALSE, c.before[2] == '1')};
-        const HANDLE events[] = {owners[0], owners[1], owners[2]};
-        EXPECT_EQ(WaitForMultipleObjects(3, events, c.waitAll, 0), c.result);
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_EQ(WaitForSingleObject(events[i], 0),
-                      c.after[i] == '1' ? WAIT_OBJECT_0 : WAIT_TIMEOUT)
-                << "event " << i;
-        }
-    }
-}
+TEST(Wait, AnyTakesTheLowestSignalledIndexAndPassesOnReleasesItDidNotUse) {
+    CHandle first = newEvent(FALSE);
+    CHandle second = newEvent(FALSE, TRUE);
+    CHandle third = newEvent(FALSE, TRUE);
+    const HANDLE events[] = {first, second, third};
+    EXPECT_EQ(WaitForMultipleObjects(3, events, FALSE, 0), WAIT_OBJECT_0 + 1);
+    EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(third, 0), WAIT_OBJECT_0);
 
-TEST(Wait, AnyGivesBackTheSignalsItDidNotUse) {
     // Both Sets may be handed to the one waiting thread before it looks; it takes one, and
     // the other event must stay signalled.
-    CHandle first = newEvent(FALSE);
-    CHandle second = newEvent(FALSE);
-    const HANDLE events[] = {first, second};
     AsyncCall call([&] { return WaitForMultipleObjects(2, events, FALSE, 5000); });
     ASSERT_TRUE(call.blocked());
     SetEvent(events[1]);
@@ -299,22 +276,21 @@ TEST(Wait, AnyGivesBackTheSignalsItDidNotUse) {
     const DWORD other = 1 - call.result();
     EXPECT_EQ(WaitForSingleObject(events[other], 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(events[1 - other], 0), WAIT_TIMEOUT);
-}
 
-TEST(Wait, PulseUnusedByItsFirstWaiterReachesTheNextOne) {
+    // A pulse that its first waiter leaves (for a lower index) reaches the next one.
     CHandle manual = newEvent(TRUE);
-    CHandle pulsed = newEvent(FALSE);
+    const HANDLE pulsed = first;
     const HANDLE both[] = {manual, pulsed};
-    AsyncCall first([&] { return WaitForMultipleObjects(2, both, FALSE, 5000); });
-    ASSERT_TRUE(first.blocked());
-    AsyncCall second([&] { return WaitForSingleObject(pulsed, 5000); });
-    ASSERT_TRUE(second.blocked());
-    SetEvent(manual);    // releases the first waiter at index 0 ...
-    PulseEvent(pulsed);  // ... so the pulse must end up with the second
-    ASSERT_TRUE(first.finishes());
-    ASSERT_TRUE(second.finishes());
-    EXPECT_EQ(first.result(), WAIT_OBJECT_0);
-    EXPECT_EQ(second.result(), WAIT_OBJECT_0);
+    AsyncCall firstWaiter([&] { return WaitForMultipleObjects(2, both, FALSE, 5000); });
+    ASSERT_TRUE(firstWaiter.blocked());
+    AsyncCall nextWaiter([&] { return WaitForSingleObject(pulsed, 5000); });
+    ASSERT_TRUE(nextWaiter.blocked());
+    SetEvent(manual);
+    PulseEvent(pulsed);
+    ASSERT_TRUE(firstWaiter.finishes());
+    ASSERT_TRUE(nextWaiter.finishes());
+    EXPECT_EQ(firstWaiter.result(), WAIT_OBJECT_0);
+    EXPECT_EQ(nextWaiter.result(), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(pulsed, 0), WAIT_TIMEOUT);
 }
 
@@ -650,15 +626,13 @@ std::vector<UINT> takeAll(HWND window = nullptr, UINT minMessage = 0, UINT maxMe
     return numbers;
 }
 
-std::atomic<int> g_calls{0};
-std::atomic<LPARAM> g_lastArgument{0};
+std::atomic<LPARAM> g_argumentsRun{0};  // the sum over the posted callbacks that ran
 
-void countCall(LPARAM argument) {
-    g_calls.fetch_add(1);
-    g_lastArgument.store(argument);
+void runCallback(LPARAM argument) {
+    g_argumentsRun += argument;
 }
 
-TEST(MessageQueue, PostingNeedsTheQueueOfALiveThread) {
+TEST(MessageQueue, PostingNeedsTheQueueOfALiveThreadWithRoomInIt) {
     DWORD tid = 0;
     DWORD withoutQueue = 0;
     BOOL withQueue = FALSE;
@@ -674,9 +648,20 @@ TEST(MessageQueue, PostingNeedsTheQueueOfALiveThread) {
         SetLastError(0);
         EXPECT_EQ(failureOf(PostThreadMessageA(gone, WM_USER, 0, 0)), ERROR_INVALID_THREAD_ID);
     }
+
+    makeQueue();
+    for (int i = 0; i < 10000; ++i) {
+        ASSERT_TRUE(post(WM_USER, static_cast<WPARAM>(i))) << i;
+    }
+    SetLastError(0);
+    EXPECT_EQ(failureOf(post(WM_USER)), ERROR_NOT_ENOUGH_QUOTA);
+    MSG message;
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.wParam, 0u);
+    EXPECT_TRUE(post(WM_USER)) << "room for one again";
 }
 
-TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
+TEST(MessageQueue, MessagesComeInTheOrderPostedAndOnlyCallbacksRunOnDispatch) {
     makeQueue();
     const DWORD before = GetTickCount();
     ASSERT_TRUE(post(WM_USER + 1, 11, -11));
@@ -699,9 +684,26 @@ TEST(MessageQueue, MessagesComeInTheOrderPostedWithTheirWords) {
     EXPECT_EQ(message.wParam, 22u);
     EXPECT_EQ(message.lParam, -22);
     EXPECT_FALSE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
-
     SetLastError(0);
     EXPECT_EQ(failureOf(PeekMessageA(nullptr, nullptr, 0, 0, PM_REMOVE)), ERROR_INVALID_PARAMETER);
+
+    ASSERT_TRUE(PostThreadCallback(GetCurrentThreadId(), &runCallback, 42));
+    ASSERT_TRUE(post(WM_USER, 1, 2));
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(message.message, WM_TESSEL_CALLBACK);
+    EXPECT_EQ(TranslateMessage(&message), FALSE);
+    EXPECT_EQ(g_argumentsRun, 0) << "nothing runs before the dispatch";
+    EXPECT_EQ(DispatchMessageA(&message), 0);
+    EXPECT_EQ(g_argumentsRun, 42);
+    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
+    EXPECT_EQ(DispatchMessageA(&message), 0);
+    EXPECT_EQ(DispatchMessageA(nullptr), 0);
+    MSG empty{nullptr, WM_TESSEL_CALLBACK, 0, 0, 0};
+    EXPECT_EQ(DispatchMessageA(&empty), 0);
+    EXPECT_EQ(g_argumentsRun, 42);
+    SetLastError(0);
+    EXPECT_EQ(failureOf(PostThreadCallback(GetCurrentThreadId(), nullptr, 0)),
+              ERROR_INVALID_PARAMETER);
 }
 
 TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
@@ -732,31 +734,6 @@ TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
     }
 }
 
-TEST(MessageQueue, DispatchRunsTheCallbackOfItsMessageOnly) {
-    makeQueue();
-    ASSERT_TRUE(PostThreadCallback(GetCurrentThreadId(), &countCall, 42));
-    ASSERT_TRUE(post(WM_USER, 1, 2));
-    MSG message;
-    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
-    EXPECT_EQ(message.message, WM_TESSEL_CALLBACK);
-    EXPECT_EQ(TranslateMessage(&message), FALSE);
-    EXPECT_EQ(g_calls, 0) << "nothing runs before the dispatch";
-    EXPECT_EQ(DispatchMessageA(&message), 0);
-    EXPECT_EQ(g_calls, 1);
-    EXPECT_EQ(g_lastArgument, 42);
-
-    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
-    EXPECT_EQ(DispatchMessageA(&message), 0);
-    EXPECT_EQ(DispatchMessageA(nullptr), 0);
-    MSG empty{nullptr, WM_TESSEL_CALLBACK, 0, 0, 0};
-    EXPECT_EQ(DispatchMessageA(&empty), 0);
-    EXPECT_EQ(g_calls, 1);
-
-    SetLastError(0);
-    EXPECT_EQ(failureOf(PostThreadCallback(GetCurrentThreadId(), nullptr, 0)),
-              ERROR_INVALID_PARAMETER);
-}
-
 TEST(MessageQueue, WaitResultsAndMessagesThatTheThreadHasNotLookedAt) {
     CHandle unsignalled = newEvent(TRUE);
     CHandle signalled = newEvent(TRUE);
@@ -785,19 +762,6 @@ TEST(MessageQueue, WaitResultsAndMessagesThatTheThreadHasNotLookedAt) {
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE));
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
     EXPECT_EQ(takeAll(), (std::vector<UINT>{WM_USER, WM_USER + 1}));
-}
-
-TEST(MessageQueue, QueueHoldsAtMost10000Messages) {
-    makeQueue();
-    for (int i = 0; i < 10000; ++i) {
-        ASSERT_TRUE(post(WM_USER, static_cast<WPARAM>(i))) << i;
-    }
-    SetLastError(0);
-    EXPECT_EQ(failureOf(post(WM_USER)), ERROR_NOT_ENOUGH_QUOTA);
-    MSG message;
-    ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
-    EXPECT_EQ(message.wParam, 0u);
-    EXPECT_TRUE(post(WM_USER)) << "room for one again";
 }
 
 TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
