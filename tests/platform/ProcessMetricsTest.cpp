@@ -85,7 +85,7 @@ std::string traceOf(long id) {
 
 const char* const kParkedFunction = "TesselTest::ParkedThread::waitingInAKnownPlace()";
 
-TEST(ProcessMetrics, ProcessorCountAndSystemTimesComeFromTheKernel) {
+TEST(ProcessMetrics, MachineProcessorsTimesMemoryAndDisksAreTheKernelsFigures) {
     EXPECT_EQ(GetNumberOfProcessors(), static_cast<DWORD>(::sysconf(_SC_NPROCESSORS_ONLN)));
     FILETIME idle, kernel, user;
     ASSERT_TRUE(GetSystemTimes(&idle, &kernel, &user));
@@ -101,6 +101,36 @@ TEST(ProcessMetrics, ProcessorCountAndSystemTimesComeFromTheKernel) {
     EXPECT_LE(FromFileTime(kernel), (v[2] + v[5] + v[6] + v[7]) * ticksPerClockTick() + laterIdle);
     EXPECT_GE(FromFileTime(kernel), FromFileTime(idle));  // the kernel time includes the idle
     EXPECT_GT(FromFileTime(user), 0u);
+
+    MEMORYSTATUSEX status;
+    ASSERT_TRUE(GlobalMemoryStatusEx(&status));
+    const long long total = valueOf("/proc/meminfo", "MemTotal:");
+    const long long swap = valueOf("/proc/meminfo", "SwapTotal:");
+    EXPECT_EQ(status.ullTotalPhys, static_cast<std::uint64_t>(total) * 1024);
+    EXPECT_EQ(status.ullTotalPageFile, static_cast<std::uint64_t>(total + swap) * 1024);
+    EXPECT_LE(status.ullAvailPhys, status.ullTotalPhys);
+    EXPECT_GE(status.ullAvailPageFile, status.ullAvailPhys);
+    EXPECT_EQ(status.dwMemoryLoad, static_cast<DWORD>((status.ullTotalPhys - status.ullAvailPhys) *
+                                                      100 / status.ullTotalPhys));
+    EXPECT_LT(status.ullAvailVirtual, status.ullTotalVirtual);
+    EXPECT_EQ(status.ullAvailExtendedVirtual, 0u);
+
+    std::uint64_t available = 0, size = 0, free = 0;
+    ASSERT_TRUE(GetDiskFreeSpaceExA("/", &available, &size, &free));
+    struct statvfs fs;
+    ASSERT_EQ(::statvfs("/", &fs), 0);
+    EXPECT_EQ(size, static_cast<std::uint64_t>(fs.f_blocks) * fs.f_frsize);
+    EXPECT_LE(available, free);
+    EXPECT_LE(free, size);
+    EXPECT_FALSE(GetDiskFreeSpaceExA("/no/such/folder/here", &available, &size, &free));
+    // File system ids tell mounts apart.
+    std::uint64_t root = 0, rootAgain = 0, proc = 0;
+    ASSERT_TRUE(GetFileSystemId("/", &root));
+    ASSERT_TRUE(GetFileSystemId("/.", &rootAgain));
+    ASSERT_TRUE(GetFileSystemId("/proc", &proc));
+    EXPECT_EQ(root, rootAgain);
+    EXPECT_NE(root, proc);
+    EXPECT_FALSE(GetFileSystemId("/no/such/folder/here", &root));
 }
 
 // Kernel plus user time of the calling thread, in ticks of 100 ns.
@@ -110,7 +140,7 @@ std::uint64_t ownThreadTime() {
     return FromFileTime(kernel) + FromFileTime(user);
 }
 
-TEST(ProcessMetrics, ProcessAndThreadTimesGrowWithWork) {
+TEST(ProcessMetrics, ProcessAndThreadTimesGrowWithWorkAndTheThreadListFollowsThreads) {
     FILETIME kernel0, user0, kernel1, user1;
     ASSERT_TRUE(GetProcessTimes(&kernel0, &user0));
     const std::uint64_t thread0 = ownThreadTime();
@@ -126,9 +156,7 @@ TEST(ProcessMetrics, ProcessAndThreadTimesGrowWithWork) {
     EXPECT_GT(FromFileTime(user1), FromFileTime(user0));
     EXPECT_GE(FromFileTime(kernel1), FromFileTime(kernel0));
     EXPECT_EQ(thread1 % ticksPerClockTick(), 0u);  // the resolution of /proc
-}
 
-TEST(ProcessMetrics, ThreadListFollowsThreadsThatStartAndEnd) {
     FILETIME kernel, user;
     {
         ParkedThread parked;
@@ -178,42 +206,7 @@ TEST(ProcessMetrics, ProcessMemoryFollowsTheResidentAndCommittedMemory) {
     EXPECT_GE(freed.PeakPagefileUsage, after.PagefileUsage);
 }
 
-TEST(ProcessMetrics, MachineMemoryComesFromProcMeminfo) {
-    MEMORYSTATUSEX status;
-    ASSERT_TRUE(GlobalMemoryStatusEx(&status));
-    const long long total = valueOf("/proc/meminfo", "MemTotal:");
-    const long long swap = valueOf("/proc/meminfo", "SwapTotal:");
-    EXPECT_EQ(status.ullTotalPhys, static_cast<std::uint64_t>(total) * 1024);
-    EXPECT_EQ(status.ullTotalPageFile, static_cast<std::uint64_t>(total + swap) * 1024);
-    EXPECT_LE(status.ullAvailPhys, status.ullTotalPhys);
-    EXPECT_GE(status.ullAvailPageFile, status.ullAvailPhys);
-    EXPECT_EQ(status.dwMemoryLoad, static_cast<DWORD>((status.ullTotalPhys - status.ullAvailPhys) *
-                                                      100 / status.ullTotalPhys));
-    EXPECT_LT(status.ullAvailVirtual, status.ullTotalVirtual);
-    EXPECT_EQ(status.ullAvailExtendedVirtual, 0u);
-}
-
-TEST(ProcessMetrics, DiskSpaceIsThatOfStatvfsAndFileSystemIdsTellMountsApart) {
-    std::uint64_t available = 0, total = 0, free = 0;
-    ASSERT_TRUE(GetDiskFreeSpaceExA("/", &available, &total, &free));
-    struct statvfs fs;
-    ASSERT_EQ(::statvfs("/", &fs), 0);
-    EXPECT_EQ(total, static_cast<std::uint64_t>(fs.f_blocks) * fs.f_frsize);
-    EXPECT_LE(available, free);
-    EXPECT_LE(free, total);
-    EXPECT_FALSE(GetDiskFreeSpaceExA("/no/such/folder/here", &available, &total, &free));
-    EXPECT_FALSE(GetDiskFreeSpaceExA(nullptr, &available, &total, &free));
-
-    std::uint64_t root = 0, rootAgain = 0, proc = 0;
-    ASSERT_TRUE(GetFileSystemId("/", &root));
-    ASSERT_TRUE(GetFileSystemId("/.", &rootAgain));
-    ASSERT_TRUE(GetFileSystemId("/proc", &proc));
-    EXPECT_EQ(root, rootAgain);
-    EXPECT_NE(root, proc);
-    EXPECT_FALSE(GetFileSystemId("/no/such/folder/here", &root));
-}
-
-TEST(ProcessMetrics, InterfaceTypesAndSpeedsInThePlatformsTerms) {
+TEST(ProcessMetrics, InterfaceTypesSpeedsAndTheLoopbacksEntryWithItsOctetCounters) {
     EXPECT_EQ(InterfaceTypeOfDevice(1, false), IF_TYPE_ETHERNET_CSMACD);
     EXPECT_EQ(InterfaceTypeOfDevice(1, true), IF_TYPE_WIRELESS);
     EXPECT_EQ(InterfaceTypeOfDevice(772, false), IF_TYPE_SOFTWARE_LOOPBACK);
@@ -223,9 +216,7 @@ TEST(ProcessMetrics, InterfaceTypesAndSpeedsInThePlatformsTerms) {
     EXPECT_EQ(InterfaceSpeedOfDevice(0), 0u);
     EXPECT_EQ(InterfaceSpeedOfDevice(4294), 4294000000u);
     EXPECT_EQ(InterfaceSpeedOfDevice(4295), 0xFFFFFFFFu);
-}
 
-TEST(ProcessMetrics, LoopbackIsInTheTableAndCountsItsOctets) {
     const unsigned index = ::if_nametoindex("lo");
     ASSERT_NE(index, 0u);
     std::vector<DWORD> indexes;
@@ -251,23 +242,20 @@ TEST(ProcessMetrics, LoopbackIsInTheTableAndCountsItsOctets) {
     EXPECT_FALSE(GetIfEntry(&unknown));
 }
 
-// The parts as "a.b.c.d", after parts started as 11.22.33.44, behind "failed " on failure.
-std::string versionOf(BOOL valid, const std::uint16_t (&parts)[4]) {
+// The parts that text parses to as "a.b.c.d"; on failure "failed " and the parts untouched.
+std::string parse(const char* text) {
+    std::uint16_t parts[4] = {11, 22, 33, 44};
+    const BOOL valid = ParseFileVersion(text, parts);
     return std::string(valid ? "" : "failed ") + std::to_string(parts[0]) + "." +
            std::to_string(parts[1]) + "." + std::to_string(parts[2]) + "." +
            std::to_string(parts[3]);
 }
 
-std::string parse(const char* text) {
-    std::uint16_t parts[4] = {11, 22, 33, 44};
-    const BOOL valid = ParseFileVersion(text, parts);
-    return versionOf(valid, parts);
-}
-
 TEST(ExecutableVersion, ProgramReadsBackItsOwnVersionAndOnlyFourShortPartsParse) {
-    std::uint16_t own[4] = {11, 22, 33, 44};
-    const BOOL valid = GetExecutableFileVersion(own);
-    EXPECT_EQ(versionOf(valid, own), "3.14.15.9265");
+    std::uint16_t own[4] = {};
+    ASSERT_TRUE(GetExecutableFileVersion(own));
+    EXPECT_EQ(std::vector<std::uint16_t>(own, own + 4),
+              (std::vector<std::uint16_t>{3, 14, 15, 9265}));
     EXPECT_EQ(parse("65535.65535.65535.65535"), "65535.65535.65535.65535");
     for (const char* text :
          {"65536.0.0.0", "1.2.3", "1.2.3.4 ", "1..2.3", static_cast<const char*>(nullptr)}) {

@@ -157,6 +157,9 @@ TEST(Window, ReceiverThatWentAndCameBack) {
 TEST(Window, SendersOfManyThreadsTakeTurns) {
     const std::string title = PlatformTest::uniqueName("tessel-test-window");
     Receiver receiver(title);
+    // Looked up here first: concurrent first look-ups would each connect, and this receiver
+    // serves only the first connection it accepts.
+    ASSERT_NE(FindWindowA(nullptr, title.c_str()), nullptr);
     std::atomic<int> answered{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < 4; ++t) {
@@ -179,6 +182,7 @@ TEST(Window, SendersOfManyThreadsTakeTurns) {
         sender.join();
     }
     EXPECT_EQ(answered.load(), 100);
+    EXPECT_FALSE(receiver.anotherConnection());
 }
 
 }  // namespace
