@@ -39,10 +39,10 @@ inline int bindAbstract(int fd, const std::string& name) {
                   static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size()));
 }
 
-// What the open descriptors of process pid ("self": this one) refer to.
-inline std::vector<std::string> descriptorTargets(const std::string& pid = "self") {
+// What the open descriptors of this process refer to.
+inline std::vector<std::string> descriptorTargets() {
     std::vector<std::string> targets;
-    for (const auto& fd : std::filesystem::directory_iterator("/proc/" + pid + "/fd")) {
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code closed;  // meanwhile
         targets.push_back(std::filesystem::read_symlink(fd.path(), closed).string());
     }
