@@ -1,5 +1,6 @@
 #include "tessel/host/FileHelper.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing::HasSubstr;
 using Names = std::vector<std::string>;
 
 // A fresh folder in the temp directory with an empty file of each name.
@@ -36,16 +38,16 @@ Names sorted(Names names) {
     return names;
 }
 
-TEST(DirectoryCreate, DriveRootsLengthsAndNestedPathsInBothForms) {
+TEST(DirectoryCreate, DriveRootsLengthsNestedPathsInBothFormsAndOnlyTheLastLevelCounts) {
     EXPECT_TRUE(CFileHelper::DirectoryCreate("C:"));
     EXPECT_TRUE(CFileHelper::DirectoryCreate("X:\\"));
     EXPECT_FALSE(CFileHelper::DirectoryCreate(nullptr));
-    const std::string folder = scratch("create");
+    const std::string folder = scratch("create", {"file"});
     const std::string base = folder + "/";
-    const TesselTest::LogCapture capture;
+    const TesselTest::LogCapture refused;
     EXPECT_FALSE(
         CFileHelper::DirectoryCreate((base + std::string(259 - base.size(), 'a')).c_str()));
-    EXPECT_EQ(capture.text(), "");  // refused without a log line
+    EXPECT_EQ(refused.text(), "");  // refused without a log line
     const std::string fits = base + std::string(258 - base.size(), 'b');
     EXPECT_TRUE(CFileHelper::DirectoryCreate(fits.c_str()));
     EXPECT_TRUE(fs::is_directory(fits));
@@ -55,22 +57,14 @@ TEST(DirectoryCreate, DriveRootsLengthsAndNestedPathsInBothForms) {
     EXPECT_TRUE(CFileHelper::DirectoryCreate((base + "a/b/c").c_str()));  // exists
     EXPECT_TRUE(CFileHelper::DirectoryCreate((folder + "\\d\\e/f").c_str()));
     EXPECT_TRUE(fs::is_directory(base + "d/e/f"));
-}
 
-TEST(DirectoryCreate, OnlyTheLastLevelCounts) {
-    const std::string base = scratch("last", {"file"});
-    const TesselTest::LogCapture capture;
-    EXPECT_FALSE(CFileHelper::DirectoryCreate((base + "\\file\\leaf").c_str()));
-    EXPECT_FALSE(CFileHelper::DirectoryCreateA((base + "/file/leaf").c_str()));
-    const std::string log = capture.text();
-    EXPECT_NE(log.find("[CFileHelper::DirectoryCreate] Failed to create dir \"" + base +
-                       "/file/leaf\" with error 20"),
-              std::string::npos)
-        << log;
-    EXPECT_NE(
-        log.find("[CFileHelper::DirectoryCreateA] Failed to create " + base + "/file/leaf : "),
-        std::string::npos)
-        << log;
+    const TesselTest::LogCapture failed;
+    EXPECT_FALSE(CFileHelper::DirectoryCreate((folder + "\\file\\leaf").c_str()));
+    EXPECT_FALSE(CFileHelper::DirectoryCreateA((base + "file/leaf").c_str()));
+    EXPECT_THAT(failed.text(), HasSubstr("[CFileHelper::DirectoryCreate] Failed to create dir \"" +
+                                         base + "file/leaf\" with error 20"));
+    EXPECT_THAT(failed.text(), HasSubstr("[CFileHelper::DirectoryCreateA] Failed to create " +
+                                         base + "file/leaf : "));
 }
 
 TEST(FindFiles, WildcardsOfThePlatformAndWholeNameExpressions) {

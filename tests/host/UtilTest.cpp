@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <tuple>
 
@@ -13,8 +12,6 @@ TEST(Util, CleanUnprintableStringCutsAtTheFirstControlCharacter) {
     const std::tuple<const char*, std::size_t, int, const char*> cases[] = {
         {"line\r\n", none, 1, "line"},  // the platform's message texts
         {"no control characters ~\x7f", none, 0, "no control characters ~\x7f"},
-        {"", none, 0, ""},
-        {"\nfirst", none, 1, ""},
         {"a\037b\nc", none, 1, "a"},
         {"Gr\303\274\303\237e\r\n", none, 1, "Gr\303\274\303\237e"},  // UTF-8 stays
         {"abc\n", 0, 0, "abc\n"},
@@ -34,10 +31,4 @@ TEST(Util, CleanUnprintableStringCutsAtTheFirstControlCharacter) {
         }
     }
     EXPECT_EQ(CUtil::CleanUnprintableString(nullptr, none), 0);
-
-    // Nothing past size is read: a buffer without NUL.
-    const auto unterminated = std::make_unique<char[]>(4);
-    std::memcpy(unterminated.get(), "abc\n", 4);
-    EXPECT_EQ(CUtil::CleanUnprintableString(unterminated.get(), 4), 0);
-    EXPECT_EQ(std::memcmp(unterminated.get(), "abc\n", 4), 0);
 }
