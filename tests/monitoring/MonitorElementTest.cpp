@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "tessel/platform/Clock.h"
 
@@ -21,12 +22,11 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Numbers with a positive fractional part in fixed notation with 6 decimals, all others
 // truncated to a 64-bit integer (out of its range, and NaN: the indefinite integer).
-TEST(MonitorElementPrinting, AllPrintersWriteTheSameNumber) {
+TEST(MonitorElementPrinting, AllPrintersWriteTheSameNumberFieldWidthAndManipulatorsStay) {
     // "value number"
     for (const std::string pair :
-         {"3 3", "3.25 3.250000", "1.5 1.500000", "-1.5 -1", "0 0", "-0 0", "0.1 0.100000", "-7 -7",
-          "1234567.125 1234567.125000", "4294967296 4294967296", "1e20 -9223372036854775808",
-          "nan -9223372036854775808"}) {
+         {"3 3", "3.25 3.250000", "-1.5 -1", "-0 0", "4294967296 4294967296",
+          "1e20 -9223372036854775808", "nan -9223372036854775808"}) {
         const std::string number = pair.substr(pair.find(' ') + 1);
         SCOPED_TRACE(pair);
         CMonitorElement element("A/B", "ms");
@@ -41,9 +41,7 @@ TEST(MonitorElementPrinting, AllPrintersWriteTheSameNumber) {
         EXPECT_EQ(withUnit.str(), "[\"" + number + "\",\"ms\"]");
         EXPECT_EQ(prtg.str(), number);
     }
-}
 
-TEST(MonitorElementPrinting, FieldWidthAndManipulators) {
     CMonitorElement element("Root/12/Stats", "ms");
     element.set(3.25);
     std::ostringstream stream;
@@ -60,7 +58,7 @@ TEST(MonitorElementPrinting, FieldWidthAndManipulators) {
     EXPECT_EQ(counter.str(), std::string(19, ' ') + "0 ");  // the blank stays
 }
 
-TEST(MonitorElementValue, WritersChangeTheValueAsDocumented) {
+TEST(MonitorElementValue, WritersConcurrentIncrementsStopWatchAndSynchronize) {
     CMonitorElement element("A/B", "");
     EXPECT_EQ(element.get(), 0.0);
     element.set(2.5);
@@ -78,15 +76,13 @@ TEST(MonitorElementValue, WritersChangeTheValueAsDocumented) {
 
     const struct {
         double part, whole, expected;
-    } ratios[] = {{5, 0, 0.0}, {1, 4, 25.0}, {3, 2, 150.0}, {1, -1, 0.0}, {1, kNaN, 0.0}};
+    } ratios[] = {{5, 0, 0.0}, {1, 4, 25.0}, {1, kNaN, 0.0}};
     for (const auto& c : ratios) {
         element.set(99.0);
         element.setRatio(c.part, c.whole);
         EXPECT_EQ(element.get(), c.expected) << c.part << " of " << c.whole;
     }
-}
 
-TEST(MonitorElementValue, StartStopAndSynchronize) {
     CMonitorElement fromEpoch("A", "s");
     fromEpoch.stop();  // without a start: seconds since the clock's epoch
     EXPECT_NEAR(fromEpoch.get(),
@@ -96,8 +92,7 @@ TEST(MonitorElementValue, StartStopAndSynchronize) {
     source.set(42.0);
     source.start();
     EXPECT_EQ(source.get(), 42.0);  // start leaves the value
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_GE(source.getTimeDiffFromStart(), 0.015);
+    ASSERT_TRUE(TesselTest::eventually([&] { return source.getTimeDiffFromStart() >= 0.015; }));
     source.stop();
     EXPECT_GE(source.get(), 0.015);
     EXPECT_LT(source.get(), 60.0);
@@ -109,15 +104,14 @@ TEST(MonitorElementValue, StartStopAndSynchronize) {
     EXPECT_NEAR(target.getTimeDiffFromStart(), source.getTimeDiffFromStart(), 1.0);
     EXPECT_EQ(target.getPath(), "B/Target");
     EXPECT_EQ(target.getUnit(), "s");
-}
 
-TEST(MonitorElementValue, ConcurrentIncrementsAreNotLost) {
-    CMonitorElement element("A", "");
+    // Concurrent increments are not lost.
+    element.reset();
     {
         std::vector<std::jthread> threads;
         for (int t = 0; t < 4; ++t) {
             threads.emplace_back([&element] {
-                for (int i = 0; i < 100000; ++i) {
+                for (int i = 0; i < 20000; ++i) {
                     element.increment(1);
                     ++element;
                     --element;
@@ -125,10 +119,10 @@ TEST(MonitorElementValue, ConcurrentIncrementsAreNotLost) {
             });
         }
     }
-    EXPECT_EQ(element.get(), 400000.0);
+    EXPECT_EQ(element.get(), 80000.0);
 }
 
-TEST(MonitorElementIdentity, PathElementsIdentifierAndUnit) {
+TEST(MonitorElementIdentity, PathElementsOrderEqualityAndCopies) {
     const CMonitorElement empties("/A//B/", "");
     std::vector<std::string> seen;
     empties.iterateIdentifier([&](unsigned char index, unsigned char count, const char* text) {
@@ -149,18 +143,13 @@ TEST(MonitorElementIdentity, PathElementsIdentifierAndUnit) {
         ADD_FAILURE() << "an empty element has no path elements";
         return true;
     });
-    EXPECT_EQ(element.getPathElement(0), "Root");
     EXPECT_EQ(element.getPathElement(2), "Stats");
     EXPECT_EQ(element.getPathElement(3), "");
-    EXPECT_EQ(element.getPathElement(255), "");
     EXPECT_EQ(element.getIdentifier(0), "Root/123/Stats");
     EXPECT_EQ(element.getIdentifier(9), "Stats");
     EXPECT_EQ(element.getIdentifier(14), "Root/123/Stats");  // skip at the length
-    EXPECT_EQ(element.getIdentifier(100), "Root/123/Stats");
     EXPECT_EQ(CMonitorElement("A", "abcdefghijklmn").getUnit(), "abcdefghij");
-}
 
-TEST(MonitorElementIdentity, OrderEqualityAndCopiesOfThePath) {
     const CMonitorElement comparator;
     const CMonitorElement ab("A/B", ""), abc("A/B/C", ""), a0b("A0/B", ""), aB("a/B", "");
     EXPECT_TRUE(comparator(ab, abc));   // a prefix sorts first
@@ -221,51 +210,27 @@ TEST(MonitorElementLimits, NamesPastTheLimitsAreRefusedAndLogged) {
 // (a failed run is not re-examined from its second character, and a run never matches up to a
 // '/'), a trailing star all that remains; case is ignored; an empty filter matches only a
 // single empty element; a star and a delimiter at the end need one more, empty, element.
+// One row per way through the scan.
 TEST(MonitorElementMatch, FiltersThatMatchAPathAndFiltersThatDoNot) {
-    // "path filter"
-    for (const std::string pair : {"A/B/C A/B/C",
-                                   "A/B/C a/b/c",
-                                   "A/B/C A/*/C",
-                                   "A/B/C */B/C",
-                                   "A/B/C *",
-                                   "A/B/C A/*",
-                                   "A/B/C A/B*",
-                                   "A/B/C **",
-                                   "A/B/C A/**",
-                                   "A/B/C **C",
-                                   " ",
-                                   "A A*",
-                                   "A/BC A/*C",
-                                   "A/BCD A/*D",
-                                   "A/BCD A/B*",
-                                   "A/BXC A/B*C",
-                                   "A/B/ A/*/",
-                                   "A/BX/C **B*",
-                                   "X/Stats/Threads **threads",
-                                   "aab **ab",
-                                   "Proc/12/Threads/7/State Proc/*/Threads/**State",
-                                   "Proc/12/Threads/7/State PROC/1*/THREADS/*/STATE"}) {
+    const auto matches = [](const std::string& pair) {  // "path filter"
         const std::size_t blank = pair.find(' ');
-        EXPECT_TRUE(CMonitorElement(pair.substr(0, blank), "").match(pair.substr(blank + 1)))
-            << pair;
+        return CMonitorElement(pair.substr(0, blank), "").match(pair.substr(blank + 1));
+    };
+    for (const std::string pair :
+         {"A/B/C a/b/c", "A/B/C A/*/C", "A/B/C A/*", "A/B/C **", " ", "A/BC A/*C", "A/B/ A/*/",
+          "A/BX/C **B*", "X/Stats/Threads **threads", "aab **ab"}) {
+        EXPECT_TRUE(matches(pair)) << pair;
     }
     for (const std::string pair :
-         {"A/B/C A/B", "A/B/C A/B/C/", "A/B/C A/B/CD", "A/B/C A/X/C", "A/B/C A*C", "A/B/C A/*/",
-          "A/B/C **B", "A/B/C **b/C", "A/B/C A/**/C", "A/B/C **/C", "A ", "A/B/B/C A/*/C",
-          "A/BDD A/*D", "A/B A/*/", "aaab **aab",
-          "Proc/12/Threads/7/State Proc/*/Threads/**Stat"}) {
-        const std::size_t blank = pair.find(' ');
-        EXPECT_FALSE(CMonitorElement(pair.substr(0, blank), "").match(pair.substr(blank + 1)))
-            << pair;
+         {"A/B/C A/B", "A/BC A/B/C", "A/B/C A/B/C/", "A/B/B/C A/*/C", "A/B/C A*C", "A/B/C A/*/",
+          "A/B A/*/", "A/B/C **b/C", "A/B/C A/**/C", "A/BDD A/*D", "aaab **aab"}) {
+        EXPECT_FALSE(matches(pair)) << pair;
     }
     // A filter of 200 characters or with a NUL, and an element without path, match nothing.
     const std::string path(199, 'x');
     EXPECT_TRUE(CMonitorElement(path, "").match(path));
-    EXPECT_TRUE(CMonitorElement(path, "").match(std::string(198, 'x') + "*"));
     EXPECT_FALSE(CMonitorElement(path, "").match(path + "*"));
     EXPECT_FALSE(CMonitorElement("A/B", "").match(std::string("A/B\0", 4)));
-    EXPECT_FALSE(CMonitorElement("A/B", "").match(std::string("A\0/B", 4)));
-    EXPECT_FALSE(CMonitorElement().match(""));
     EXPECT_FALSE(CMonitorElement().match("*"));
 }
 

@@ -32,9 +32,7 @@ TcpClient::TcpClient(int port) {
     m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = loopback(port);
     if (m_fd < 0 || ::connect(m_fd, asGeneric(address), sizeof(address)) != 0) {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
+        ::close(m_fd);  // nothing happens for -1
         throw std::runtime_error("connect to port " + std::to_string(port) + " failed");
     }
 }
@@ -115,10 +113,6 @@ std::string TcpClient::readHttpResponse(milliseconds timeout) {
             return m_buffer.size() < total ? std::string::npos : total;
         },
         timeout);
-}
-
-void TcpClient::shutdownWrite() {
-    ::shutdown(m_fd, SHUT_WR);
 }
 
 int FreeTcpPort() {

@@ -28,14 +28,10 @@ class TcpClient {
     std::string readUntil(const std::string& marker, milliseconds timeout);
     // Reads until the peer closes or timeout passes: whatever arrives within timeout.
     std::string readFor(milliseconds timeout);
-    // The same, for a test that waits for the peer's end.
-    std::string readToEnd(milliseconds timeout) { return readFor(timeout); }
     // Reads one HTTP response: the head, then Content-Length bytes of body.
     std::string readHttpResponse(milliseconds timeout);
     // True once a read has seen the peer's end of the stream.
     bool peerClosed() const { return m_closed; }
-    // Ends the sending direction (the server sees end of input).
-    void shutdownWrite();
 
   private:
     // One read of what is there, waiting up to timeout; false on end of stream or time-out.
