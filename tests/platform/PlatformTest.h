@@ -16,8 +16,7 @@
 
 namespace PlatformTest {
 
-// The last error after a call that is to fail, with the result failed (by default a zero or
-// null one); 0xFFFFFFFF when it returned something else.
+// The last error after a call that returned failed (a zero or null); else 0xFFFFFFFF.
 template <typename Result>
 Tessel::Platform::DWORD failureOf(const Result& result, const Result& failed = Result{}) {
     return result == failed ? Tessel::Platform::GetLastError() : 0xFFFFFFFFu;

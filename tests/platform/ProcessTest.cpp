@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -167,13 +166,6 @@ long long valueOf(const char* file, const std::string& key) {
     return -1;
 }
 
-std::string firstLine(const std::string& file) {
-    std::ifstream in(file);
-    std::string line;
-    std::getline(in, line);
-    return line;
-}
-
 // Ticks of 100 ns in one clock tick of /proc.
 std::uint64_t ticksPerClockTick() {
     return 10000000ull / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
@@ -212,11 +204,11 @@ TEST(ProcessMetrics, MachineProcessorsTimesMemoryAndDisksAreTheKernelsFigures) {
     FILETIME idle, kernel, user;
     ASSERT_TRUE(GetSystemTimes(&idle, &kernel, &user));
     // The same sums of /proc/stat read just after: never smaller.
-    unsigned long long v[8] = {};
-    ASSERT_GE(
-        std::sscanf(firstLine("/proc/stat").c_str(), "cpu %llu %llu %llu %llu %llu %llu %llu %llu",
-                    &v[0], &v[1], &v[2], &v[3], &v[4], &v[5], &v[6], &v[7]),
-        4);
+    std::ifstream stat("/proc/stat");
+    std::string label;
+    std::uint64_t v[8] = {};
+    stat >> label >> v[0] >> v[1] >> v[2] >> v[3] >> v[4] >> v[5] >> v[6] >> v[7];
+    ASSERT_TRUE(stat && label == "cpu");
     const std::uint64_t laterIdle = (v[3] + v[4]) * ticksPerClockTick();
     EXPECT_LE(FromFileTime(idle), laterIdle);
     EXPECT_LE(FromFileTime(user), (v[0] + v[1]) * ticksPerClockTick());
@@ -350,7 +342,7 @@ TEST(ProcessMetrics, InterfaceTypesSpeedsAndTheLoopbacksEntryWithItsOctetCounter
     ASSERT_TRUE(GetIfEntry(&before));
     EXPECT_EQ(before.name, "lo");
     EXPECT_EQ(before.dwType, IF_TYPE_SOFTWARE_LOOPBACK);
-    EXPECT_EQ(before.dwMtu, static_cast<DWORD>(std::stoul(firstLine("/sys/class/net/lo/mtu"))));
+    EXPECT_EQ(before.dwMtu, static_cast<DWORD>(valueOf("/sys/class/net/lo/mtu", "")));
     ASSERT_TRUE(TesselTest::SendOverLoopback(10000, 2));
     MIB_IFROW after;
     after.dwIndex = index;

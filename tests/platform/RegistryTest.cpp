@@ -88,7 +88,7 @@ std::vector<std::string> namesOf(HKEY key, LSTATUS (*enumerate)(HKEY, DWORD, cha
 
 using Names = std::vector<std::string>;
 
-TEST(Registry, KeysAreCreatedWithTheirPathAndOpenedWithoutRegardToCaseOverOneConnection) {
+TEST(Registry, KeysAndValuesAreFoundWithoutRegardToCaseInTheirOrdersOverOneConnection) {
     HKEY key = nullptr;
     EXPECT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE\\Keys\\A", &key), ERROR_FILE_NOT_FOUND);
     DWORD disposition = 0;
@@ -106,13 +106,9 @@ TEST(Registry, KeysAreCreatedWithTheirPathAndOpenedWithoutRegardToCaseOverOneCon
     RegCloseKey(relative);
     RegCloseKey(key);
     EXPECT_EQ(RegCloseKey(key), ERROR_INVALID_HANDLE);  // closed twice
-    const std::string hive = RegistryHiveFile(HKEY_LOCAL_MACHINE);
-    EXPECT_EQ(std::ranges::count(PlatformTest::descriptorTargets(), hive), 1)
-        << "one connection, however many keys were opened";
-}
 
-TEST(Registry, ValuesKeepCreationOrderAndSubKeysSortByName) {
-    HKEY key = create("SOFTWARE\\Order");
+    // Values keep the order of their creation, sub-keys sort by name.
+    key = create("SOFTWARE\\Order");
     for (const char* name : {"zeta", "Alpha", "mid"}) {
         ASSERT_EQ(setText(key, name, name), ERROR_SUCCESS);
     }
@@ -132,6 +128,9 @@ TEST(Registry, ValuesKeepCreationOrderAndSubKeysSortByName) {
     EXPECT_EQ(length, 4u);
     EXPECT_EQ(valueName(key, 3, name, &length), ERROR_NO_MORE_ITEMS);
     RegCloseKey(key);
+    const std::string hive = RegistryHiveFile(HKEY_LOCAL_MACHINE);
+    EXPECT_EQ(std::ranges::count(PlatformTest::descriptorTargets(), hive), 1)
+        << "one connection, however many keys were opened";
 }
 
 TEST(Registry, QueryReportsSizesTypesAndMisses) {
@@ -239,16 +238,14 @@ TEST(Registry, DatabaseThatIsNoneFailsWithOneLogLine) {
     EXPECT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE", &key), ERROR_BADDB);
     EXPECT_EQ(create("SOFTWARE\\X", &key), ERROR_BADDB);
     EXPECT_EQ(setText(HKEY_LOCAL_MACHINE, "v", "x"), ERROR_BADDB);
-    // The first failure comes while the log itself is built (it reads its folder from the
-    // registry); its line is written once the log stands.
+    // The first failure comes while the log is built; its line is written once the log stands.
     const std::string log = TesselTest::LogCapture::all();
     EXPECT_NE(log.find("Registry database " + file + " is not usable"), std::string::npos) << log;
     EXPECT_EQ(log.find("not usable"), log.rfind("not usable")) << "one line only:\n" << log;
 }
 
 TEST(Registry, ReadOnlyFolderReadsButRefusesWrites) {
-    // Everything happens in children, so that this process holds no connection that would
-    // keep the database's shared-memory index alive; they end through exit, which closes it.
+    // All in children (ending through exit), so no connection here keeps the shared index alive.
     ASSERT_EQ(TesselTest::RunInChild(
                   []() -> int { std::exit(setText(create("SOFTWARE\\ReadOnly"), "Kept", "yes")); }),
               0);

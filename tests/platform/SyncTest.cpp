@@ -55,11 +55,9 @@ using Calls = std::vector<std::unique_ptr<AsyncCall>>;
 // Whether exactly expected calls have returned WAIT_OBJECT_0, and no more return for a while.
 bool exactlyReleased(const Calls& calls, int expected) {
     auto released = [&] {
-        int count = 0;
-        for (const auto& call : calls) {
-            count += call->done() && call->result() == WAIT_OBJECT_0 ? 1 : 0;
-        }
-        return count;
+        return std::ranges::count_if(calls, [](const auto& call) {
+            return call->done() && call->result() == WAIT_OBJECT_0;
+        });
     };
     if (!eventually([&] { return released() >= expected; })) {
         return false;
@@ -115,6 +113,8 @@ TEST(Event, SetResetAndPulseWithAndWithoutWaitingThreads) {
         for (std::size_t i = 0; i < waiters.size(); ++i) {
             SetEvent(event);  // lets the others go
         }
+        waiters.clear();
+        EXPECT_TRUE(CloseHandle(event.Detach()));
     }
 }
 
@@ -263,8 +263,7 @@ TEST(Wait, AnyTakesTheLowestSignalledIndexAndPassesOnReleasesItDidNotUse) {
     EXPECT_EQ(WaitForSingleObject(second, 0), WAIT_TIMEOUT);
     EXPECT_EQ(WaitForSingleObject(third, 0), WAIT_OBJECT_0);
 
-    // Both Sets may be handed to the one waiting thread before it looks; it takes one, and
-    // the other event must stay signalled.
+    // Both Sets may reach the one waiter before it looks: it takes one, the other stays set.
     AsyncCall call([&] { return WaitForMultipleObjects(2, events, FALSE, 5000); });
     ASSERT_TRUE(call.blocked());
     SetEvent(events[1]);
@@ -395,8 +394,7 @@ TEST(SystemEvent, SetByNameReleasesOneWaitAndResetsItselfWhileTheNameLivesHereOr
     EXPECT_EQ(CloseHandle(second), TRUE);
     EXPECT_EQ(failureOf(SetSystemEvent(name.c_str())), ERROR_FILE_NOT_FOUND);
 
-    // Held by another process (a socket bound to the name outside the event table), the name
-    // gives a handle that never signals.
+    // A name held by another process (a socket bound outside the table) never signals.
     const int holder = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(holder, 0);
     ASSERT_EQ(PlatformTest::bindAbstract(holder, key), 0);
@@ -413,8 +411,7 @@ TEST(SystemEvent, SetByNameReleasesOneWaitAndResetsItselfWhileTheNameLivesHereOr
 
 // --- mutexes ---
 
-// A name of the test's own, without the "Global\" prefix: the form in which it names the
-// shared-memory segment.
+// A name of the test's own; without "Global\" it also names the shared-memory segment.
 std::string uniqueKey() {
     return PlatformTest::uniqueName("TesselTest.mutex");
 }
@@ -436,8 +433,7 @@ TEST(Mutex, OnlyItsOwnerReleasesItAndAThreadThatEndsOwningItAbandonsIt) {
     EXPECT_EQ(failureOf(ReleaseMutex(mutex)), ERROR_NOT_OWNER);
 
     EXPECT_EQ(onAnotherThread([&] { return WaitForSingleObject(mutex, 0); }), WAIT_OBJECT_0);
-    // A wait for all that cannot complete (the second mutex is held here) takes the abandoned
-    // one and gives it back; the abandonment is still reported to the next owner.
+    // A wait for all that cannot complete gives it back, abandonment and all, to the next owner.
     HANDLE held = CreateMutexA(nullptr, TRUE, nullptr);
     const HANDLE objects[] = {mutex, held};
     EXPECT_EQ(onAnotherThread([&] { return WaitForMultipleObjects(2, objects, TRUE, 0); }),
@@ -457,7 +453,7 @@ TEST(Mutex, OnlyItsOwnerReleasesItAndAThreadThatEndsOwningItAbandonsIt) {
     CloseHandle(held);
 }
 
-TEST(Mutex, NamedMutexExistsWhileAHandleIsOpen) {
+TEST(Mutex, NamedMutexExistsWhileAHandleIsOpenAndRacingCreatorsShareOne) {
     const std::string key = uniqueKey();
     const std::string name = "Global\\" + key;
     HANDLE first = CreateMutexA(nullptr, FALSE, name.c_str());
@@ -490,10 +486,8 @@ TEST(Mutex, NamedMutexExistsWhileAHandleIsOpen) {
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     CloseHandle(odd);
     CloseHandle(plain);
-}
 
-TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
-    const std::string key = uniqueKey();
+    // Of processes that create the name at once, one makes the mutex and the others open it.
     constexpr int kChildren = 4;
     // Shared with the children: the start, and how many of them have created the mutex.
     int* shared = static_cast<int*>(::mmap(nullptr, 2 * sizeof(int), PROT_READ | PROT_WRITE,
@@ -530,15 +524,14 @@ TEST(Mutex, ProcessesCreatingOneNameAtOnceGetOneMutex) {
 
 TEST(Mutex, ProcessesThatDieAbandonItOrLeaveRemnantsThatAreNoMutexes) {
     const std::string key = uniqueKey();
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, key.c_str());
+    HANDLE mutex = CreateMutexA(nullptr, TRUE, key.c_str());
     ASSERT_NE(mutex, nullptr);
+    EXPECT_TRUE(ReleaseMutex(mutex));
     // One that finds it by name and dies owning it twice leaves one abandoned acquisition.
     EXPECT_EQ(RunInChild([&] {
                   HANDLE opened = OpenMutexA(SYNCHRONIZE, FALSE, key.c_str());
-                  return opened != nullptr && WaitForSingleObject(opened, 0) == WAIT_OBJECT_0 &&
-                                 WaitForSingleObject(opened, 0) == WAIT_OBJECT_0
-                             ? 0
-                             : 1;
+                  WaitForSingleObject(opened, 0);
+                  return WaitForSingleObject(opened, 0) == WAIT_OBJECT_0 ? 0 : 1;
               }),
               0);
     EXPECT_EQ(WaitForSingleObject(mutex, 5000), WAIT_ABANDONED);
@@ -696,7 +689,7 @@ TEST(MessageQueue, MessagesComeInTheOrderPostedAndOnlyCallbacksRunOnDispatch) {
               ERROR_INVALID_PARAMETER);
 }
 
-TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
+TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrderAndForksStartEmpty) {
     const HWND threadMessages = reinterpret_cast<HWND>(static_cast<std::intptr_t>(-1));
     const HWND someWindow = reinterpret_cast<HWND>(static_cast<std::intptr_t>(0x1000));
     const std::vector<UINT> all{WM_USER, WM_USER + 1, WM_APP, WM_QUIT};
@@ -722,6 +715,16 @@ TEST(MessageQueue, FilterTakesWhatPassesAndLeavesTheRestInItsOrder) {
         EXPECT_EQ(takeAll(c.window, c.minMessage, c.maxMessage), c.taken);
         EXPECT_EQ(takeAll(), c.left) << "the rest stays, in its order";
     }
+
+    // A forked child starts with an empty queue of its own.
+    ASSERT_TRUE(post(WM_USER));
+    EXPECT_EQ(RunInChild([] {
+                  const bool empty = takeAll().empty();
+                  post(WM_USER + 7);
+                  return empty && takeAll() == std::vector<UINT>{WM_USER + 7} ? 0 : 1;
+              }),
+              0);
+    EXPECT_EQ(takeAll(), std::vector<UINT>{WM_USER}) << "the parent keeps its own";
 }
 
 TEST(MessageQueue, WaitResultsAndMessagesThatTheThreadHasNotLookedAt) {
@@ -742,8 +745,7 @@ TEST(MessageQueue, WaitResultsAndMessagesThatTheThreadHasNotLookedAt) {
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_KEY | QS_TIMER), WAIT_TIMEOUT)
         << "a wake mask without posted messages ignores them";
 
-    // Only a look at the queue (not a wait) ends the message's turn, also one that leaves it:
-    // a filter that passes it over, or PM_NOREMOVE.
+    // Only a look at the queue ends a message's turn, also one that passes it over or leaves it.
     MSG message;
     EXPECT_FALSE(PeekMessageA(&message, nullptr, WM_APP, WM_APP, PM_REMOVE));
     EXPECT_EQ(MsgWaitForMultipleObjects(1, both, FALSE, 20, QS_ALLINPUT), WAIT_TIMEOUT);
@@ -784,20 +786,6 @@ TEST(MessageQueue, ManyPostersOneReceiverLoseNothingAndKeepEachPostersOrder) {
     }
     EXPECT_TRUE(inOrder);
     EXPECT_EQ(received, std::vector<int>(kPosters, kPerPoster));
-}
-
-TEST(MessageQueue, ForkedChildStartsWithAnEmptyQueueOfItsOwn) {
-    makeQueue();
-    ASSERT_TRUE(post(WM_USER));
-    EXPECT_EQ(RunInChild([] {
-                  MSG message;
-                  if (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
-                      return 1;  // the parent's message
-                  }
-                  return post(WM_USER + 7) && takeAll() == std::vector<UINT>{WM_USER + 7} ? 0 : 2;
-              }),
-              0);
-    EXPECT_EQ(takeAll(), std::vector<UINT>{WM_USER}) << "the parent keeps its own";
 }
 
 }  // namespace
