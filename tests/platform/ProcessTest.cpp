@@ -116,8 +116,6 @@ TEST(Clock, SystemTimeCountsFrom1601AndTheTickCountIsTheLowWordOfTheMillisecondC
     EXPECT_LE(static_cast<DWORD>(GetTickCount() - static_cast<DWORD>(wide)), 1000u);
 }
 
-// --- threads ---
-
 TEST(Thread, NamesAreKeptToFifteenCharactersAndPrioritiesBecomeNiceValuesOfTheThread) {
     ParkedThread parked;
     const DWORD id = static_cast<DWORD>(parked.id());
@@ -148,8 +146,6 @@ TEST(Thread, TerminationEndsAThreadAtItsNextWait) {
     EXPECT_TRUE(TerminateThread(sleeper.native_handle(), 0xFFFFFFFF));
     sleeper.join();  // returns because the thread was cancelled
 }
-
-// --- metrics and the executable's version ---
 
 long self() {
     return static_cast<long>(GetCurrentThreadId());
@@ -377,8 +373,6 @@ TEST(ExecutableVersion, ProgramReadsBackItsOwnVersionAndOnlyFourShortPartsParse)
     }
 }
 
-// --- stack traces ---
-
 TEST(StackTrace, AParkedThreadAndTheCallerItselfShowTheFunctionsTheyAreIn) {
     ParkedThread parked;
     std::vector<std::uintptr_t> addresses;
@@ -446,8 +440,6 @@ TEST(StackTrace, ConcurrentRequestsEachGetTheirOwnThread) {
     EXPECT_EQ(failures.load(), 0);
 }
 
-// --- starting programs ---
-
 // A new folder below the test process's temp folder.
 std::string newFolder() {
     std::string pattern = std::filesystem::temp_directory_path() / "start-XXXXXX";
@@ -504,8 +496,6 @@ TEST(ProcessStart, ReportsWhatItCannotStart) {
     std::ofstream(notExecutable) << "text\n";
     EXPECT_EQ(failureOf(start(notExecutable, information)), ERROR_ACCESS_DENIED);
 }
-
-// --- error numbers and texts ---
 
 constexpr DWORD kFlags = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
 
@@ -579,8 +569,6 @@ TEST(ErrorText, SystemTextsEndInCrLfAndLeaveTheLastErrorAndFailuresSetIt) {
     }
 }
 
-// --- checked print ---
-
 void ignoringHandler(const char*, const char*, const char*, unsigned int) {}
 
 TEST(CheckedPrint, TextThatDoesNotFitIsAnInvalidParameterUnlessACountedPrintMayCutIt) {
@@ -615,12 +603,8 @@ TEST(CheckedPrint, TextThatDoesNotFitIsAnInvalidParameterUnlessACountedPrintMayC
 }
 
 TEST(CheckedPrint, DefaultHandlerAborts) {
-    EXPECT_DEATH(
-        {
-            char buffer[4];
-            sprintf_s(buffer, sizeof buffer, "%s", "toolong");
-        },
-        "Invalid parameter");
+    char buffer[4];
+    EXPECT_DEATH(sprintf_s(buffer, sizeof buffer, "%s", "toolong"), "Invalid parameter");
 }
 
 }  // namespace

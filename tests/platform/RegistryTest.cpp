@@ -133,7 +133,7 @@ TEST(Registry, KeysAndValuesAreFoundWithoutRegardToCaseInTheirOrdersOverOneConne
         << "one connection, however many keys were opened";
 }
 
-TEST(Registry, QueryReportsSizesTypesAndMisses) {
+TEST(Registry, ValuesAreQueriedWithSizesAndTypesAndWrittenOrDeletedByTheRules) {
     HKEY key = create("SOFTWARE\\Query");
     ASSERT_EQ(setText(key, "Text", "hello"), ERROR_SUCCESS);
     ASSERT_EQ(setDword(key, "Number", 42), ERROR_SUCCESS);
@@ -165,35 +165,32 @@ TEST(Registry, QueryReportsSizesTypesAndMisses) {
               ERROR_SUCCESS);
     EXPECT_EQ(size, 4u);
     EXPECT_STREQ(buffer, "abc");  // terminated
-    RegCloseKey(key);
-}
 
-TEST(Registry, AccessRightsAndDeletionRules) {
-    HKEY parent = create("SOFTWARE\\Delete");
+    // Access rights, and the rules of deletion.
     HKEY readOnly = nullptr;
-    ASSERT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE\\Delete", &readOnly), ERROR_SUCCESS);
+    ASSERT_EQ(open(HKEY_LOCAL_MACHINE, "SOFTWARE\\Query", &readOnly), ERROR_SUCCESS);
     EXPECT_EQ(setText(readOnly, "x", "y"), ERROR_ACCESS_DENIED);
     EXPECT_EQ(RegDeleteValueA(readOnly, "x"), ERROR_ACCESS_DENIED);
     RegCloseKey(readOnly);
 
-    RegCloseKey(create("SOFTWARE\\Delete\\Child\\Grandchild"));
-    EXPECT_EQ(RegDeleteKeyA(parent, "Child"), ERROR_ACCESS_DENIED);  // has a sub-key
-    EXPECT_EQ(RegDeleteKeyA(parent, "Missing"), ERROR_FILE_NOT_FOUND);
+    RegCloseKey(create("SOFTWARE\\Query\\Child\\Grandchild"));
+    EXPECT_EQ(RegDeleteKeyA(key, "Child"), ERROR_ACCESS_DENIED);  // has a sub-key
+    EXPECT_EQ(RegDeleteKeyA(key, "Missing"), ERROR_FILE_NOT_FOUND);
     HKEY grandchild = nullptr;
-    ASSERT_EQ(open(parent, "Child\\Grandchild", &grandchild, KEY_ALL_ACCESS), ERROR_SUCCESS);
+    ASSERT_EQ(open(key, "Child\\Grandchild", &grandchild, KEY_ALL_ACCESS), ERROR_SUCCESS);
     ASSERT_EQ(setText(grandchild, "v", "1"), ERROR_SUCCESS);
-    EXPECT_EQ(RegDeleteKeyExA(parent, "child\\grandchild", KEY_WOW64_32KEY, 0), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteKeyExA(key, "child\\grandchild", KEY_WOW64_32KEY, 0), ERROR_SUCCESS);
     // The handle outlives its key.
     EXPECT_EQ(setText(grandchild, "v", "2"), ERROR_KEY_DELETED);
     EXPECT_EQ(text(grandchild, "v"), "<missing>");
     RegCloseKey(grandchild);
-    EXPECT_EQ(RegDeleteKeyA(parent, "Child"), ERROR_SUCCESS);
-    EXPECT_TRUE(namesOf(parent, &subKeyName).empty());
+    EXPECT_EQ(RegDeleteKeyA(key, "Child"), ERROR_SUCCESS);
+    EXPECT_TRUE(namesOf(key, &subKeyName).empty());
 
-    ASSERT_EQ(setText(parent, "gone", "1"), ERROR_SUCCESS);
-    EXPECT_EQ(RegDeleteValueA(parent, "GONE"), ERROR_SUCCESS);
-    EXPECT_EQ(RegDeleteValueA(parent, "gone"), ERROR_FILE_NOT_FOUND);
-    RegCloseKey(parent);
+    ASSERT_EQ(setText(key, "gone", "1"), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteValueA(key, "GONE"), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteValueA(key, "gone"), ERROR_FILE_NOT_FOUND);
+    RegCloseKey(key);
 }
 
 TEST(Registry, ChangeNotificationsFireOnceForChangesOfAnyProcess) {
@@ -271,8 +268,6 @@ TEST(Registry, ReadOnlyFolderReadsButRefusesWrites) {
               0);
     ::chmod(dir.c_str(), 0755);
 }
-
-// --- several processes at once, and a writer that is killed ---
 
 const char* const kShared = "SOFTWARE\\Reliability";
 

@@ -66,8 +66,6 @@ bool exactlyReleased(const Calls& calls, int expected) {
     return released() == expected;
 }
 
-// --- events ---
-
 TEST(Event, SetResetAndPulseWithAndWithoutWaitingThreads) {
     // W: a thread begins to wait (and sleeps); S Set, R Reset, P Pulse; =n: exactly n waiting
     // threads have been released; 1 and 0: a zero-time test finds it signalled, or not.
@@ -164,17 +162,11 @@ TEST(Event, NamedEventIsSharedUntilItsLastHandleCloses) {
     EXPECT_EQ(WaitForSingleObject(fresh, 0), WAIT_TIMEOUT);
 }
 
-// --- waits ---
-
 std::atomic<int> g_signals{0};
-
-void countSignal(int) {
-    ++g_signals;
-}
 
 TEST(Wait, TimeoutsExpireInFullEvenUnderSignals) {
     struct sigaction action {};
-    action.sa_handler = &countSignal;  // no SA_RESTART: the waits see EINTR
+    action.sa_handler = [](int) { ++g_signals; };  // no SA_RESTART: the waits see EINTR
     struct sigaction previous {};
     ASSERT_EQ(::sigaction(SIGUSR1, &action, &previous), 0);
     CHandle event = newEvent(FALSE);
@@ -351,8 +343,6 @@ TEST(Wait, WaitingThreadsDoNotSpin) {
     ReleaseMutex(mutex);
 }
 
-// --- system events ---
-
 TEST(SystemEvent, SetByNameReleasesOneWaitAndResetsItselfWhileTheNameLivesHereOrElsewhere) {
     const std::string key = PlatformTest::uniqueName("tessel-test-event");
     const std::string name = "Global\\" + key;
@@ -408,8 +398,6 @@ TEST(SystemEvent, SetByNameReleasesOneWaitAndResetsItselfWhileTheNameLivesHereOr
     EXPECT_EQ(CloseHandle(event), TRUE);
     ::close(holder);
 }
-
-// --- mutexes ---
 
 // A name of the test's own; without "Global\" it also names the shared-memory segment.
 std::string uniqueKey() {
@@ -589,8 +577,6 @@ TEST(CriticalSection, WaiterSpinsAsSetThenSleepsUntilTheOwnersLastLeave) {
     }
 }
 
-// --- message queues ---
-
 // Makes the calling thread's queue.
 void makeQueue() {
     MSG message;
@@ -612,10 +598,6 @@ std::vector<UINT> takeAll(HWND window = nullptr, UINT minMessage = 0, UINT maxMe
 }
 
 std::atomic<LPARAM> g_argumentsRun{0};  // the sum over the posted callbacks that ran
-
-void runCallback(LPARAM argument) {
-    g_argumentsRun += argument;
-}
 
 TEST(MessageQueue, PostingNeedsTheQueueOfALiveThreadWithRoomInIt) {
     DWORD tid = 0;
@@ -670,7 +652,8 @@ TEST(MessageQueue, MessagesComeInTheOrderPostedAndOnlyCallbacksRunOnDispatch) {
     SetLastError(0);
     EXPECT_EQ(failureOf(PeekMessageA(nullptr, nullptr, 0, 0, PM_REMOVE)), ERROR_INVALID_PARAMETER);
 
-    ASSERT_TRUE(PostThreadCallback(GetCurrentThreadId(), &runCallback, 42));
+    ASSERT_TRUE(PostThreadCallback(
+        GetCurrentThreadId(), [](LPARAM argument) { g_argumentsRun += argument; }, 42));
     ASSERT_TRUE(post(WM_USER, 1, 2));
     ASSERT_TRUE(PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE));
     EXPECT_EQ(message.message, WM_TESSEL_CALLBACK);
