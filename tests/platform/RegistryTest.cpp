@@ -272,7 +272,7 @@ TEST(Registry, ReadOnlyFolderReadsButRefusesWrites) {
 const char* const kShared = "SOFTWARE\\Reliability";
 
 std::string valueName(int writer, int index) {
-    return "w" + std::to_string(writer) + "_" + std::to_string(index);
+    return std::to_string(writer) + "_" + std::to_string(index);
 }
 
 TEST(RegistryReliability, TwoProcessesWritingAtOnceLoseNothing) {
