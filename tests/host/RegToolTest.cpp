@@ -123,8 +123,8 @@ TEST(RegTool, HelpExplainsUsageAndTheFolderInUse) {
         const Outcome run = reg({help});
         EXPECT_EQ(run, done(run.out)) << help;
         for (const std::string& part :
-             {"tessel-reg query  KEY"s, "TESSEL_REGISTRY_DIR"s, "Registry folder: " + registryDir(),
-              "UTF-8 with LF"s, "Examples:"s}) {
+             {"tessel-reg query  KEY"s, "UTF-8 with LF"s,
+              "Registry folder: " + registryDir() + "  (from TESSEL_REGISTRY_DIR)"}) {
             EXPECT_THAT(run.out, HasSubstr(part));
         }
     }
@@ -141,7 +141,6 @@ TEST(RegTool, QueryPrintsKeysValuesAndSearchesAsRegDoes) {
     setStored(kKey, "Hosts", REG_MULTI_SZ, "a\0b\0\0"s);
     setStored(kKey, "Big", REG_QWORD, "\x2a\0\0\0\0\0\0\x01"s);
     setStored(kKey, "Path", REG_EXPAND_SZ, "%HOME%/x\0"s);
-    setStored(kKey + "\\Sub2", "Deep", REG_SZ, "x\0"s);
     setStored(kKey + "\\Sub2", "port", REG_SZ, "9800\0"s);
     setStored(kKey + "\\Sub1\\Leaf", "v", REG_DWORD, "\1\0\0\0"s);
 
@@ -153,29 +152,24 @@ TEST(RegTool, QueryPrintsKeysValuesAndSearchesAsRegDoes) {
                                "    Hosts    REG_MULTI_SZ    a\\0b\n"
                                "    Big    REG_QWORD    0x10000000000002a\n"
                                "    Path    REG_EXPAND_SZ    %HOME%/x\n\n";
-    const std::string sub2 = kFull + "\\Sub2\n    Deep    REG_SZ    x\n";
-    // The arguments, the exit status and the output.
-    const std::tuple<Args, int, std::string> cases[] = {
-        {{"query", kTool}, 0, values + kFull + "\\Sub1\n" + kFull + "\\Sub2\n"},
+    const std::string sub2 = kFull + "\\Sub2\n    port    REG_SZ    9800\n\n";
+    const std::pair<Args, Outcome> cases[] = {
+        {{"query", kTool}, done(values + kFull + "\\Sub1\n" + kFull + "\\Sub2\n")},
         // A key without values lists only its sub-keys.
-        {{"query", kTool + "\\Sub1"}, 0, "\n" + kFull + "\\Sub1\\Leaf\n"},
+        {{"query", kTool + "\\Sub1"}, done("\n" + kFull + "\\Sub1\\Leaf\n")},
         // Recursion shows every key below, with or without values.
         {{"query", kTool + "\\", "/S"},
-         0,
-         values + kFull + "\\Sub1\n\n" + kFull + "\\Sub1\\Leaf\n    v    REG_DWORD    0x1\n\n" +
-             sub2 + "    port    REG_SZ    9800\n\n"},
-        {{"query", kTool, "-V", "PORT"}, 0, port},
+         done(values + kFull + "\\Sub1\n\n" + kFull +
+              "\\Sub1\\Leaf\n    v    REG_DWORD    0x1\n\n" + sub2)},
+        {{"query", kTool, "-V", "PORT"}, done(port)},
         {{"query", kTool + "\\Sub2", "/ve"},
-         0,
-         "\n" + kFull + "\\Sub2\n    (Default)    REG_SZ    (value not set)\n\n"},
+         done("\n" + kFull + "\\Sub2\n    (Default)    REG_SZ    (value not set)\n\n")},
         {{"query", kTool, "/v", "Port", "/s"},
-         0,
-         port + kFull +
-             "\\Sub2\n    port    REG_SZ    9800\n\nEnd of search: 2 match(es) found.\n"},
-        {{"query", kTool, "/v", "Nothing", "/s"}, 1, "\nEnd of search: 0 match(es) found.\n"},
+         done(port + sub2 + "End of search: 2 match(es) found.\n")},
+        {{"query", kTool, "/v", "Nothing", "/s"}, {1, "\nEnd of search: 0 match(es) found.\n", ""}},
     };
-    for (const auto& [arguments, status, out] : cases) {
-        EXPECT_EQ(reg(arguments), (Outcome{status, out, ""})) << testing::PrintToString(arguments);
+    for (const auto& [arguments, outcome] : cases) {
+        EXPECT_EQ(reg(arguments), outcome) << testing::PrintToString(arguments);
     }
 }
 
@@ -305,7 +299,6 @@ TEST(RegTool, AddExportAndImportKeepEveryValue) {
          is(REG_QWORD, "\xf0\xde\xbc\x9a\x78\x56\x34\x12"s)},
         {{"/v", "Blob", "/t", "REG_BINARY", "/d", std::string(100, 'a') + "0F"},
          is(REG_BINARY, std::string(50, '\xaa') + "\x0f")},
-        {{"/v", "Empty", "/t", "REG_BINARY"}, is(REG_BINARY, "")},
         {{"/v", "NoData"}, is(REG_SZ, "\0"s)},
         {{"/v", "Dec", "/t", "REG_DWORD", "/d", "0123"}, is(REG_DWORD, "\x7b\0\0\0"s)},
         {{"/v", "Hex", "/t", "REG_DWORD", "/d", "0xDEADBEEF"}, is(REG_DWORD, "\xef\xbe\xad\xde"s)},

@@ -155,19 +155,13 @@ TEST(Reg, ListingsAndDeletions) {
     EXPECT_EQ(names, (std::vector<std::string>{"kept", "alpha", "Beta"}));
     EXPECT_FALSE(REG::GetSubDir("NoSuchKey", names));
 
-    // Each name is fetched with room for the length of its predecessor.
-    for (const char* name : {"abcd", "abc", "ab"}) {
-        REG::Write(base + "\\Falling", name, "x");
-    }
-    for (const char* name : {"ab", "abcd"}) {
-        REG::Write(base + "\\Rising", name, "x");
+    // Each name is fetched with room for the length of its predecessor: the longer one ends it.
+    for (const char* name : {"abc", "ab", "abcd", "a"}) {
+        REG::Write(base + "\\Values", name, "x");
     }
     names.clear();
-    EXPECT_TRUE(REG::GetKeyValues(base + "\\Falling", names));
-    EXPECT_EQ(names, (std::vector<std::string>{"abcd", "abc", "ab"}));
-    names.clear();
-    EXPECT_TRUE(REG::GetKeyValues(base + "\\Rising", names));
-    EXPECT_EQ(names, std::vector<std::string>{"ab"});
+    EXPECT_TRUE(REG::GetKeyValues(base + "\\Values", names));
+    EXPECT_EQ(names, (std::vector<std::string>{"abc", "ab"}));
     EXPECT_FALSE(REG::GetKeyValues(base + "\\Missing", names));
 
     const std::string key = kKey + "\\Del"s;

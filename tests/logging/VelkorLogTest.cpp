@@ -2,6 +2,7 @@
 // builds the log afresh from the files it prepared.
 #include "tessel/logging/VelkorLog.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spdlog/details/os.h>
@@ -52,10 +53,7 @@ VelkorLog& velkorLog() {
 
 std::string today() {
     const std::tm date = spdlog::details::os::localtime();
-    char text[40];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d", date.tm_year + 1900, date.tm_mon + 1,
-                  date.tm_mday);
-    return text;
+    return fmt::format("{:04d}-{:02d}-{:02d}", date.tm_year + 1900, date.tm_mon + 1, date.tm_mday);
 }
 
 class Log : public testing::Test {

@@ -35,6 +35,10 @@ class TestClient : public CWatchdogClient {
     HANDLE event() const { return m_hEvent; }
 };
 
+std::string pid() {
+    return std::to_string(Tessel::Platform::GetCurrentProcessId());
+}
+
 long currentThread() {
     return static_cast<long>(Tessel::Platform::GetCurrentThreadId());
 }
@@ -54,11 +58,6 @@ class WatchdogClientTest : public testing::Test {
         EXPECT_TRUE(TesselTest::eventually(
             [this] { return lines("TarvoWD.exe").size() == lines("end ").size(); }, 10s, 10ms))
             << "a watchdog did not end";
-    }
-
-    // Puts folder first on PATH.
-    static void searchFirst(const std::string& folder) {
-        ::setenv("PATH", (folder + ":" + std::getenv("PATH")).c_str(), 1);
     }
 
     // The recorded lines that begin with prefix ("" for all).
@@ -98,7 +97,7 @@ class WithFake : public WatchdogClientTest {
     void SetUp() override {
         WatchdogClientTest::SetUp();
 #ifdef TESSEL_FAKE_WATCHDOG_DIR
-        searchFirst(TESSEL_FAKE_WATCHDOG_DIR);
+        ::setenv("PATH", (TESSEL_FAKE_WATCHDOG_DIR ":"s + std::getenv("PATH")).c_str(), 1);
 #else
         GTEST_SKIP() << "built without the fake watchdog";
 #endif
@@ -146,44 +145,25 @@ TEST(WatchdogSimpleHandle, ClosesAndCopiesTheRawHandle) {
     EXPECT_EQ(CloseHandle(second), FALSE);  // closed by the destructor of copy
 }
 
-TEST_F(WatchdogClientTest, WithoutWatchdogEverythingIsSilentAndCreateFails) {
+TEST_F(WatchdogClientTest, SlowWithoutAWatchdogNothingIsSentAndCreateFails) {
     ::setenv("PATH", m_dir.c_str(), 1);  // only a folder without TarvoWD.exe
-    TestClient client;
-    for (int type = 0; type <= 5; ++type) {  // no window: nothing is sent
-        EXPECT_EQ(client.SendMessageA(static_cast<Type>(type), currentThread(), "x", 1), 0);
+    {
+        TestClient client;
+        for (int type = 0; type <= 5; ++type) {  // no window: nothing is sent
+            EXPECT_EQ(client.SendMessageA(static_cast<Type>(type), currentThread(), "x", 1), 0);
+        }
+        // The program is not found: a failure, but the client keeps the event.
+        EXPECT_EQ(client.CreateWatchdog(0, 10, 60, 0), 0);
+        EXPECT_NE(client.event(), nullptr);
+        EXPECT_EQ(client.CreateWatchdog(0, 10, 60, 0), 1);
     }
-    // The program is not found: a failure, but the client keeps the event.
-    EXPECT_EQ(client.CreateWatchdog(0, 10, 60, 0), 0);
-    EXPECT_NE(client.event(), nullptr);
-    EXPECT_EQ(client.CreateWatchdog(0, 10, 60, 0), 1);
-}
-
-TEST_F(WatchdogClientTest, WatchdogThatNeverGetsReadySlow) {
     // A program that ends without setting the start event: the client waits its 2000 ms.
     const std::string program = m_dir + "/TarvoWD.exe";
     std::ofstream(program) << "#!/bin/sh\nexit 0\n";
     ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
-    searchFirst(m_dir);
     TestClient client;
     EXPECT_EQ(client.CreateWatchdog(1, 10, 60, 0), 0);
     EXPECT_EQ(client.event(), nullptr);  // given up again
-}
-
-TEST_F(WithFake, OnlyAHiddenWatchdogGetsSwitchH) {
-    const std::string pid = std::to_string(Tessel::Platform::GetCurrentProcessId());
-    const struct {
-        int show;
-        unsigned long interval, timeout, b;
-        const char* switches;
-    } cases[] = {{0, 10, 60, 0, " /H /I 10 /T 60 /B 0"}, {1, 1, 2, 3, " /I 1 /T 2 /B 3"}};
-    for (const auto& c : cases) {
-        {
-            CWatchdogClient client;
-            ASSERT_EQ(client.CreateWatchdog(c.show, c.interval, c.timeout, c.b), 1);
-        }
-        ASSERT_TRUE(watchdogEnded());
-        EXPECT_EQ(lines("TarvoWD.exe").back(), "TarvoWD.exe /P " + pid + c.switches);
-    }
 }
 
 TEST_F(WithFake, EachTypeCarriesItsThreadDataAndTheFormerText) {
@@ -215,6 +195,7 @@ TEST_F(WithFake, EachTypeCarriesItsThreadDataAndTheFormerText) {
         client.ShutdownWatchdog();
     }
     ASSERT_TRUE(watchdogEnded());
+    EXPECT_EQ(lines("TarvoWD.exe"), Strings{"TarvoWD.exe /P " + pid() + " /H /I 10 /T 60 /B 0"});
     EXPECT_NE(other, self);
     EXPECT_EQ(messages(),
               (Strings{
@@ -234,48 +215,34 @@ TEST_F(WithFake, EachTypeCarriesItsThreadDataAndTheFormerText) {
 
 TEST_F(WithFake, OnlyAnOwnerShutsDownAndASecondCreateMakesAnOwnerWithoutAWatchdog) {
     TestClient owner;
-    ASSERT_EQ(owner.CreateWatchdog(0, 10, 60, 0), 1);
+    ASSERT_EQ(owner.CreateWatchdog(1, 1, 2, 3), 1);  // shown: no /H
     const CWatchdogClient::HANDLE event = owner.event();
     EXPECT_EQ(owner.CreateWatchdog(0, 10, 60, 0), 1);
     EXPECT_EQ(owner.event(), event);
+    const std::string longest(259, 'n');
     {
         TestClient other;  // holds no event
         other.ShutdownWatchdog();
         EXPECT_EQ(other.SendMessageA(CWatchdogMessage::eWatchDogShutdown, 0, nullptr, 0), 0);
-        // The window is there all the same: other messages go through.
-        EXPECT_EQ(other.SendMessageA(CWatchdogMessage::eWatchDogLongOperationIsOk, currentThread(),
-                                     nullptr, 9),
-                  1);
+        // The window is there all the same: other messages go through, if their text fits.
+        TesselTest::InvalidParameterThrows throws;
+        other.SetWatchdogThreadInfo(longest.c_str(), 0);
+        EXPECT_THROW(other.SetWatchdogThreadInfo((longest + "n").c_str(), 0),
+                     TesselTest::InvalidParameterError);
     }
-    const Strings longOperation{message(2, currentThread(), 9, "")};
-    EXPECT_EQ(messages(), longOperation);
+    const Strings info{message(0, currentThread(), 1, longest)};
+    EXPECT_EQ(messages(), info);
     {
         TestClient second;
         EXPECT_EQ(second.CreateWatchdog(0, 10, 60, 0), 0);
         EXPECT_NE(second.event(), nullptr);
         EXPECT_EQ(second.CreateWatchdog(0, 10, 60, 0), 1);  // held: no second watchdog
-        EXPECT_EQ(messages(), longOperation);
+        EXPECT_EQ(messages(), info);
         // Holding the event makes it an owner: its destruction says goodbye.
     }
     ASSERT_TRUE(watchdogEnded());
-    EXPECT_EQ(lines("TarvoWD.exe").size(), 1u);
-    const Strings both{longOperation[0], message(3, 0, 0, "")};
-    EXPECT_EQ(messages(), both);
-    // Gone now: sends find no window and record nothing.
-    EXPECT_EQ(owner.SendMessageA(CWatchdogMessage::eWatchDogThreadInfo, currentThread(), "late", 1),
-              0);
-    EXPECT_EQ(messages(), both);
-}
-
-TEST_F(WithFake, TextThatDoesNotFitIsAnInvalidParameter) {
-    TesselTest::InvalidParameterThrows throws;
-    CWatchdogClient client;
-    ASSERT_EQ(client.CreateWatchdog(0, 10, 60, 0), 1);
-    const std::string longest(259, 'n');
-    client.SetWatchdogThreadInfo(longest.c_str(), 0);
-    EXPECT_THROW(client.SetWatchdogThreadInfo((longest + "n").c_str(), 0),
-                 TesselTest::InvalidParameterError);
-    EXPECT_EQ(messages(), Strings{message(0, currentThread(), 1, longest)});
+    EXPECT_EQ(lines("TarvoWD.exe"), Strings{"TarvoWD.exe /P " + pid() + " /I 1 /T 2 /B 3"});
+    EXPECT_EQ(messages(), (Strings{info[0], message(3, 0, 0, "")}));
 }
 
 // A worker that never stops by itself is ended in the second stage of its stop, and the
