@@ -151,7 +151,7 @@ long self() {
     return static_cast<long>(GetCurrentThreadId());
 }
 
-// The number after key in a file of "key value" lines such as /proc/meminfo; -1 if absent.
+// The number after key at the start of a line of file ("": the first line); -1 if absent.
 long long valueOf(const char* file, const std::string& key) {
     std::ifstream in(file);
     for (std::string line; std::getline(in, line);) {
