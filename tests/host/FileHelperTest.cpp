@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <boost/regex.hpp>
 #include <cstdlib>
 #include <cstring>
@@ -22,20 +21,14 @@ namespace fs = std::filesystem;
 using testing::HasSubstr;
 using Names = std::vector<std::string>;
 
-// A fresh folder in the temp directory with an empty file of each name.
+// A folder in the temp directory with a file of each name.
 std::string scratch(const std::string& folder, const Names& files = {}) {
     const std::string path = CTempDirectory::GetTempDirectoryCurrentUser() + folder;
-    fs::remove_all(path);
     fs::create_directories(path);
     for (const std::string& name : files) {
         std::ofstream(path + "/" + name) << "x";
     }
     return path;
-}
-
-Names sorted(Names names) {
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 TEST(DirectoryCreate, DriveRootsLengthsNestedPathsInBothFormsAndOnlyTheLastLevelCounts) {
@@ -80,7 +73,7 @@ TEST(FindFiles, WildcardsOfThePlatformAndWholeNameExpressions) {
     for (const auto& [pattern, expected] : cases) {
         Names names;
         EXPECT_EQ(CFileHelper::FindFiles(base, pattern, &names), !expected.empty()) << pattern;
-        EXPECT_EQ(sorted(names), sorted(expected)) << pattern;
+        EXPECT_THAT(names, testing::UnorderedElementsAreArray(expected)) << pattern;
     }
     Names kept{"kept"};
     EXPECT_FALSE(CFileHelper::FindFiles(base + "/missing", "*.*", &kept));
@@ -91,7 +84,7 @@ TEST(FindFiles, WildcardsOfThePlatformAndWholeNameExpressions) {
         scratch("regex", {"App_2021-05-27.log", "App_2021-05-27.3.log", "App_x.log", "xApp_1.log"});
     Names names{"emptied"};
     EXPECT_TRUE(CFileHelper::FindFiles(logs, std::string("App_[0-9.-]*[.]log"), names));
-    EXPECT_EQ(sorted(names), (Names{"App_2021-05-27.3.log", "App_2021-05-27.log"}));
+    EXPECT_THAT(names, testing::UnorderedElementsAre("App_2021-05-27.3.log", "App_2021-05-27.log"));
     EXPECT_THROW(CFileHelper::FindFiles(logs, std::string("(unclosed"), names), boost::regex_error);
 }
 

@@ -1,6 +1,5 @@
-// tessel-reg, the operator's registry tool, run as an operator runs it: the real program on
-// the test process's registry folder (or one of the test's own), its standard input fed from a
-// pipe; the outcome is checked on its output, its exit status and in the store itself.
+// tessel-reg run as an operator runs it, its input on a pipe; the outcome is checked on its
+// output, its exit status and in the store itself.
 #ifdef TESSEL_REG_TOOL
 
 #include <gmock/gmock.h>
@@ -96,9 +95,8 @@ std::string withKey(std::string text) {
     return text;
 }
 
-// The names of the values of key in their order, nullopt if there is no such key. The open
-// alone may be answered from this process's cache of key ids, which knows nothing of a
-// deletion by the tool; a use of the handle does.
+// The names of the values of key in their order, nullopt if there is no such key. A use of the
+// handle, not the open alone, sees a deletion by the tool.
 std::optional<Args> valueNames(const std::string& key) {
     HKEY handle = nullptr;
     DWORD count = 0;

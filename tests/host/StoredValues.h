@@ -1,5 +1,4 @@
-// Values of the local machine hive set and read straight through the store, past REG and
-// tessel-reg, for the tests of both.
+// Values of the local machine hive set and read through the store itself, past REG and the tool.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -245,8 +245,7 @@ TEST_F(WithFake, OnlyAnOwnerShutsDownAndASecondCreateMakesAnOwnerWithoutAWatchdo
     EXPECT_EQ(messages(), (Strings{info[0], message(3, 0, 0, "")}));
 }
 
-// A worker that never stops by itself is ended in the second stage of its stop, and the
-// watchdog is told first that the thread closes.
+// A worker that never stops by itself is ended by force, after the watchdog was told.
 unsigned long neverStop(void*) {
     while (true) {
         std::this_thread::sleep_for(10ms);
