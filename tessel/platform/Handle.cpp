@@ -87,6 +87,13 @@ void unlockTableInChild() {
     handleTable().lock.unlock();
 }
 
+// Registered when the library is loaded, before the fork handlers that other tables register
+// at their first use. Prepare handlers run in the reverse order of registration, so the handle
+// table's lock, a leaf (nothing else is locked while it is held, and it may be taken while
+// another table's lock or a mutex is held), is taken last before a fork.
+const int g_forkHandlers =
+    ::pthread_atfork(&lockTableForFork, &unlockTableInParent, &unlockTableInChild);
+
 std::uint64_t monotonicNs() {
     timespec now;
     ::clock_gettime(CLOCK_MONOTONIC, &now);
@@ -241,9 +248,6 @@ DWORD Waitable::waitOne(DWORD timeoutMs) {
 }
 
 HANDLE MakeHandle(Waitable* object) {
-    static const int registered =
-        ::pthread_atfork(&lockTableForFork, &unlockTableInParent, &unlockTableInChild);
-    (void)registered;
     auto* handle = new (std::nothrow) KernelObject(object);
     if (handle != nullptr) {
         try {

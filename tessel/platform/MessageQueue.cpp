@@ -123,6 +123,9 @@ void unlockTableInParent() {
 }
 
 void startEmptyInChild() {
+    // The forking thread took the lock; giving it back leaves the inherited table as it was
+    // before the fork, and holds no lock in the child that nothing would release.
+    g_table->lock.unlock();
     auto* fresh = new (std::nothrow) QueueTable;
     if (fresh != nullptr) {
         fresh->inherited = g_table;
