@@ -42,7 +42,7 @@ TEST(Handle, OwnsItsHandleAndCopyingMovesIt) {
         closed.Close();
         EXPECT_EQ(closed, nullptr);
         EXPECT_FALSE(CloseHandle(d));  // closed already: the table of open handles knows
-        closed.Close();  // empty: nothing happens
+        closed.Close();                // empty: nothing happens
     }
     EXPECT_FALSE(CloseHandle(a)) << "closed by its one owner";
     EXPECT_NE(WaitForSingleObject(c, 0), WAIT_FAILED) << "detached";
