@@ -42,4 +42,14 @@ TESSEL_API void GetLocalTime(SYSTEMTIME* local);
 // The current date and time in UTC, to the millisecond (truncated).
 TESSEL_API void GetSystemTime(SYSTEMTIME* utc);
 
+// time, read as UTC, in 100 ns ticks since 1601-01-01 UTC; wDayOfWeek is ignored. FALSE with
+// ERROR_INVALID_PARAMETER for a field out of its range (a day past the end of its month, a
+// year before 1601 or after 30827) or a null argument.
+TESSEL_API BOOL SystemTimeToFileTime(const SYSTEMTIME* time, FILETIME* fileTime);
+
+// The high-resolution counter: nanoseconds of CLOCK_MONOTONIC, so its frequency is 1e9 per
+// second. Both always succeed (TRUE) with a non-null argument.
+TESSEL_API BOOL QueryPerformanceCounter(LARGE_INTEGER* count);
+TESSEL_API BOOL QueryPerformanceFrequency(LARGE_INTEGER* frequency);
+
 }  // namespace Tessel::Platform

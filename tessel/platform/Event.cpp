@@ -63,15 +63,9 @@ class EventObject final : public Waitable {
             Waitable::release();
             return;
         }
-        EventNames& names = eventNames();
-        {
-            std::lock_guard<std::mutex> guard(names.lock);
-            if (m_refs.fetch_sub(1, std::memory_order_acq_rel) != 1) {
-                return;
-            }
-            names.byName.erase(m_name);
+        if (eventNames().dropNamed(m_refs, m_name)) {
+            delete this;
         }
-        delete this;
     }
 
     void set() {
@@ -255,15 +249,7 @@ class EventObject final : public Waitable {
 };
 
 EventObject* eventOf(HANDLE handle) {
-    Waitable* object = ObjectOf(handle);
-    if (object == nullptr) {
-        return nullptr;
-    }
-    if (object->kind() != Waitable::Kind::Event) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return nullptr;
-    }
-    return static_cast<EventObject*>(object);
+    return ObjectOfKind<EventObject>(handle, Waitable::Kind::Event);
 }
 
 }  // namespace
@@ -274,76 +260,17 @@ HANDLE CreateEventA(SECURITY_ATTRIBUTES* /*attributes*/, BOOL manualReset, BOOL 
     if (name != nullptr && *name != '\0' && !NormaliseObjectName(name, key)) {
         return nullptr;
     }
-    if (key.empty()) {
-        auto* event = new (std::nothrow)
-            EventObject(manualReset != FALSE, initialState != FALSE, std::string());
-        if (event == nullptr) {
-            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-            return nullptr;
-        }
-        HANDLE handle = MakeHandle(event);
-        if (handle != nullptr) {
-            SetLastError(ERROR_SUCCESS);
-        }
-        return handle;
-    }
-
-    EventNames& names = eventNames();
-    EventObject* event = nullptr;
-    bool existed = false;
-    try {
-        std::lock_guard<std::mutex> guard(names.lock);
-        auto found = names.byName.find(key);
-        if (found != names.byName.end()) {
-            event = found->second;
-            event->addRef();
-            existed = true;
-        } else {
-            event = new EventObject(manualReset != FALSE, initialState != FALSE, key);
-            try {
-                names.byName.emplace(key, event);
-            } catch (...) {
-                delete event;
-                throw;
-            }
-        }
-    } catch (const std::bad_alloc&) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    HANDLE handle = MakeHandle(event);
-    if (handle != nullptr) {
-        SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
-    }
-    return handle;
+    return eventNames().createHandle(
+        key, [&] { return new EventObject(manualReset != FALSE, initialState != FALSE, key); });
 }
 
 HANDLE OpenEventA(DWORD /*desiredAccess*/, BOOL /*inheritHandle*/, const char* name) {
-    if (name == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return nullptr;
-    }
     std::string key;
-    if (*name == '\0') {
-        SetLastError(ERROR_FILE_NOT_FOUND);
+    if (!KeyOfNameToOpen(name, key)) {
         return nullptr;
     }
-    if (!NormaliseObjectName(name, key)) {
-        return nullptr;
-    }
-    EventNames& names = eventNames();
-    EventObject* event = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(names.lock);
-        auto found = names.byName.find(key);
-        if (found == names.byName.end()) {
-            SetLastError(ERROR_FILE_NOT_FOUND);
-            return nullptr;
-        }
-        event = found->second;
-        event->addRef();
-    }
-    return MakeHandle(event);
+    EventObject* event = eventNames().find(key);
+    return event != nullptr ? MakeHandle(event) : nullptr;
 }
 
 BOOL SetEvent(HANDLE handle) {

@@ -293,6 +293,18 @@ void WakeWaiter(const Waiter& waiter) {
     }
 }
 
+bool KeyOfNameToOpen(const char* name, std::string& key) {
+    if (name == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    if (*name == '\0') {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return false;
+    }
+    return NormaliseObjectName(name, key);
+}
+
 bool NormaliseObjectName(const char* name, std::string& key) {
     std::string_view view(name);
     if (view.size() > kMaxObjectName) {
@@ -499,6 +511,15 @@ DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll, D
         return WAIT_FAILED;
     }
     return WaitForObjects(count, handles, waitAll != FALSE, timeoutMs, -1);
+}
+
+DWORD WaitForSingleObjectEx(HANDLE handle, DWORD timeoutMs, BOOL /*alertable*/) {
+    return WaitForSingleObject(handle, timeoutMs);
+}
+
+DWORD WaitForMultipleObjectsEx(DWORD count, const HANDLE* handles, BOOL waitAll, DWORD timeoutMs,
+                               BOOL /*alertable*/) {
+    return WaitForMultipleObjects(count, handles, waitAll, timeoutMs);
 }
 
 }  // namespace Tessel::Platform

@@ -36,4 +36,10 @@ TESSEL_API DWORD WaitForSingleObject(HANDLE handle, DWORD timeoutMs);
 TESSEL_API DWORD WaitForMultipleObjects(DWORD count, const HANDLE* handles, BOOL waitAll,
                                         DWORD timeoutMs);
 
+// The alertable forms of the two waits. This platform queues no asynchronous procedure calls
+// to threads, so an alertable wait is the plain one and never returns WAIT_IO_COMPLETION.
+TESSEL_API DWORD WaitForSingleObjectEx(HANDLE handle, DWORD timeoutMs, BOOL alertable);
+TESSEL_API DWORD WaitForMultipleObjectsEx(DWORD count, const HANDLE* handles, BOOL waitAll,
+                                          DWORD timeoutMs, BOOL alertable);
+
 }  // namespace Tessel::Platform

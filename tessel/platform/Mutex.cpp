@@ -682,15 +682,8 @@ HANDLE OpenMutexA(DWORD /*desiredAccess*/, BOOL /*inheritHandle*/, const char* n
 }
 
 BOOL ReleaseMutex(HANDLE handle) {
-    Waitable* object = ObjectOf(handle);
-    if (object == nullptr) {
-        return FALSE;
-    }
-    if (object->kind() != Waitable::Kind::Mutex) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
-    }
-    return static_cast<MutexObject*>(object)->releaseByCaller();
+    auto* mutex = ObjectOfKind<MutexObject>(handle, Waitable::Kind::Mutex);
+    return mutex != nullptr ? mutex->releaseByCaller() : FALSE;
 }
 
 }  // namespace Tessel::Platform

@@ -19,20 +19,6 @@
 
 namespace Tessel::Platform {
 
-// A time or time span in ticks of 100 ns, split into two 32-bit halves.
-struct FILETIME {
-    DWORD dwLowDateTime;
-    DWORD dwHighDateTime;
-};
-
-// ticks as a FILETIME, and back.
-inline FILETIME ToFileTime(std::uint64_t ticks) {
-    return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
-}
-inline std::uint64_t FromFileTime(const FILETIME& time) {
-    return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-}
-
 // The number of processors that are online (sysconf(_SC_NPROCESSORS_ONLN)), at least 1.
 TESSEL_API DWORD GetNumberOfProcessors();
 

@@ -38,15 +38,44 @@ struct SECURITY_ATTRIBUTES {
     BOOL bInheritHandle = 0;
 };
 
+// A signed 64-bit number that the platform's interfaces pass in two 32-bit halves: due times
+// of timers, counter readings.
+union LARGE_INTEGER {
+    struct {
+        DWORD LowPart;
+        LONG HighPart;
+    };
+    std::int64_t QuadPart;
+};
+
+// A time or time span in ticks of 100 ns, split into two 32-bit halves.
+struct FILETIME {
+    DWORD dwLowDateTime;
+    DWORD dwHighDateTime;
+};
+
+// ticks as a FILETIME, and back.
+inline FILETIME ToFileTime(std::uint64_t ticks) {
+    return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
+}
+inline std::uint64_t FromFileTime(const FILETIME& time) {
+    return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
 inline constexpr BOOL TRUE = 1;
 inline constexpr BOOL FALSE = 0;
 
 inline constexpr DWORD INFINITE = 0xFFFFFFFFu;
 
+// The "invalid handle" value of the platform, distinct from null; some calls take it as an
+// argument with a meaning of its own.
+inline const HANDLE INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(~std::uintptr_t{0});
+
 // Results of the waits.
 inline constexpr DWORD WAIT_OBJECT_0 = 0;
 inline constexpr DWORD WAIT_ABANDONED = 0x80;
 inline constexpr DWORD WAIT_ABANDONED_0 = WAIT_ABANDONED;
+inline constexpr DWORD WAIT_IO_COMPLETION = 0xC0;
 inline constexpr DWORD WAIT_TIMEOUT = 258;
 inline constexpr DWORD WAIT_FAILED = 0xFFFFFFFFu;
 inline constexpr DWORD MAXIMUM_WAIT_OBJECTS = 64;

@@ -3,13 +3,13 @@
 // A HANDLE points at a KernelObject: one open handle. Every CreateX and OpenX makes a new one,
 // so that two handles of one named object are closed independently and a handle closed twice
 // is recognised. Each KernelObject holds one counted reference to a Waitable, the object
-// itself (an event, a mutex; later timers, threads, processes), which is freed with its last
+// itself (an event, a mutex, a timer, a process, ...), which is freed with its last
 // reference.
 //
 // How a wait works. A wait first tries to acquire its objects without blocking. If it has to
 // sleep, it enlists one WaitRecord per object (a place in the object's list of waiters), tries
 // again, and sleeps in ppoll on the waiting thread's own wake-up eventfd, the descriptors of
-// objects that have one (later: timers, processes) and an optional extra descriptor (a
+// objects that have one (timers, processes) and an optional extra descriptor (a
 // thread's message queue), until something changes; then it tries again. Objects that can
 // neither wake their waiters nor offer a descriptor (mutexes) are tried in short slices.
 //
@@ -26,6 +26,7 @@
 #include <string>
 
 #include "tessel/Export.h"
+#include "tessel/platform/LastError.h"
 #include "tessel/platform/Types.h"
 
 namespace Tessel::Platform {
@@ -91,7 +92,7 @@ struct WaitRecord {
 // A kernel object, shared by its handles.
 class Waitable {
   public:
-    enum class Kind : std::uint8_t { Event, Mutex, Other };
+    enum class Kind : std::uint8_t { Event, Mutex, Timer, Other };
 
     explicit Waitable(Kind kind) : m_kind(kind) {}
     virtual ~Waitable() = default;
@@ -152,6 +153,18 @@ HANDLE MakeHandle(Waitable* object);
 // The object of an open handle, or null with ERROR_INVALID_HANDLE.
 Waitable* ObjectOf(HANDLE handle);
 
+// The object of an open handle as the class Object of kind, or null with
+// ERROR_INVALID_HANDLE (also for a handle of another kind).
+template <class Object>
+Object* ObjectOfKind(HANDLE handle, Waitable::Kind kind) {
+    Waitable* object = ObjectOf(handle);
+    if (object != nullptr && object->kind() != kind) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    return static_cast<Object*>(object);
+}
+
 // The calling thread's wake-up eventfd, made on first use; -1 with the last error set if it
 // cannot be made. A forked child makes its own instead of sharing its parent's.
 int CurrentWakeFd();
@@ -176,5 +189,9 @@ DWORD WaitOnObjects(DWORD count, Waitable* const* objects, bool waitAll, DWORD t
 // ERROR_FILENAME_EXCED_RANGE for a name longer than the platform allows (MAX_PATH), and with
 // ERROR_INVALID_NAME for a prefix without a name.
 bool NormaliseObjectName(const char* name, std::string& key);
+
+// The key of a name given to an OpenX call: false with ERROR_INVALID_PARAMETER for a null
+// name, ERROR_FILE_NOT_FOUND for an empty one, else as NormaliseObjectName.
+bool KeyOfNameToOpen(const char* name, std::string& key);
 
 }  // namespace Tessel::Platform
