@@ -1,6 +1,7 @@
 #include "tessel/platform/Process.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -29,6 +30,20 @@ DWORD GetCurrentThreadId() {
 
 DWORD GetCurrentProcessId() {
     return static_cast<DWORD>(::getpid());
+}
+
+DWORD GetNumberOfUsableProcessors() {
+    cpu_set_t mask;
+    CPU_ZERO(&mask);
+    if (::sched_getaffinity(0, sizeof mask, &mask) == 0) {
+        const int count = CPU_COUNT(&mask);
+        if (count > 0) {
+            return static_cast<DWORD>(count);
+        }
+    }
+    // A mask wider than cpu_set_t (more than 1024 processors) is refused with EINVAL.
+    const long online = ::sysconf(_SC_NPROCESSORS_ONLN);
+    return online > 0 ? static_cast<DWORD>(online) : 1;
 }
 
 std::string GetExecutablePath() {

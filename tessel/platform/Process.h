@@ -1,4 +1,5 @@
-// Identity of the calling process and thread, and where the executable lives.
+// Identity of the calling process and thread, the processors it may use, and where the executable
+// lives.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +16,11 @@ TESSEL_API DWORD GetCurrentThreadId();
 
 // The id of the calling process.
 TESSEL_API DWORD GetCurrentProcessId();
+
+// The number of processors that the calling thread may run on (its affinity mask, which a new
+// thread inherits), or the processors online where the mask cannot be read; at least 1. It
+// stands in for the processor count of the platform's system information when a pool is sized.
+TESSEL_API DWORD GetNumberOfUsableProcessors();
 
 // The absolute path of the running executable, read from /proc/self/exe.
 TESSEL_API std::string GetExecutablePath();

@@ -154,7 +154,8 @@ void CActiveObject::InitWorkerThread() {
     record.m_strClassName = m_szClassName;
     record.m_ulState = THREAD_STARTED;
     record.m_stateTime = utcNow();
-    record.m_ulExitCode = CActiveObjectThreadRecord::EXIT_CODE_RUNNING;
+    record.m_ulExitCode.store(CActiveObjectThreadRecord::EXIT_CODE_RUNNING,
+                              std::memory_order_release);
     m_pCurrentThreadRecord = &record;
 }
 
@@ -162,7 +163,8 @@ void CActiveObject::WorkerThread() {
     m_ulWorkerThreadId.store(GetCurrentThreadId());
     WaitForStart();
     const unsigned long exitCode = m_pThreadFunction(m_pThreadParameter);
-    m_pCurrentThreadRecord->m_ulExitCode = static_cast<std::uint32_t>(exitCode);
+    m_pCurrentThreadRecord->m_ulExitCode.store(static_cast<std::uint32_t>(exitCode),
+                                               std::memory_order_release);
 }
 
 void CActiveObject::WaitForStart() {
@@ -247,7 +249,7 @@ void CActiveObject::ForceStop() {
         }
     }
     TerminateThread(m_pWorkerThread->native_handle(), 0xFFFFFFFF);
-    m_pCurrentThreadRecord->m_ulExitCode = 0xFFFFFFFF;
+    m_pCurrentThreadRecord->m_ulExitCode.store(0xFFFFFFFF, std::memory_order_release);
     // A cancelled thread ends at its next cancellation point; it is not joined beyond that.
     if (!m_pWorkerThread->try_join_for(boost::chrono::milliseconds(kCancellationGraceMs))) {
         ILogging::getInstance().log(
@@ -277,7 +279,8 @@ int CActiveObject::StopThread() {
             ForceStop();
         }
     }
-    const unsigned long exitCode = m_pCurrentThreadRecord->m_ulExitCode;
+    const unsigned long exitCode =
+        m_pCurrentThreadRecord->m_ulExitCode.load(std::memory_order_acquire);
     if (!m_bStoppedByWorker.load() && exitCode != 0) {
         char text[4096];
         _snprintf_s(text, sizeof text, _TRUNCATE,
@@ -295,7 +298,7 @@ int CActiveObject::StopThread() {
 }
 
 unsigned long CActiveObject::GetThreadExitCode() const {
-    return m_pCurrentThreadRecord->m_ulExitCode;
+    return m_pCurrentThreadRecord->m_ulExitCode.load(std::memory_order_acquire);
 }
 
 boost::thread::native_handle_type CActiveObject::GetWorkerThread() const {

@@ -57,6 +57,11 @@ bool CPreciseTimer::Start(unsigned int delayMs, bool oneShot, IPreciseTimerNotif
 
 void CPreciseTimer::Stop() {
     Reset();
+    // A one-shot that fired ended its event from the callback; the event is gone only when
+    // the callback has returned, so ending it here waits for that (except on its own thread).
+    if (const unsigned int fired = m_uFiredId.exchange(0, std::memory_order_acq_rel)) {
+        timeKillEvent(fired);
+    }
     m_pNotify = nullptr;
     m_bOneShot = false;
 }
@@ -85,7 +90,10 @@ void CPreciseTimer::TimeFunc(unsigned int timerId, unsigned int /*message*/, std
         return;  // a late tick of an event that was ended
     }
     if (self->m_bOneShot) {
-        self->Reset();
+        // As Reset, except that the event is left to end by itself after this callback, so
+        // that a Stop from another thread can still wait for the callback.
+        self->m_uFiredId.store(timerId, std::memory_order_release);
+        self->m_uTimerId.compare_exchange_strong(current, 0, std::memory_order_acq_rel);
     }
     if (self->m_pNotify != nullptr) {
         self->m_pNotify->OnPreciseTimer();

@@ -55,6 +55,9 @@ class TESSEL_API CPreciseTimer {
     // a late tick; acquire-release, so that the callback that sees its id also sees the
     // subscriber and mode stored before.
     std::atomic<unsigned int> m_uTimerId{0};
+    // A one-shot event that has fired and whose callback may still run: Stop waits for it,
+    // so that a timer is never destroyed under its own callback. Acquire-release, as above.
+    std::atomic<unsigned int> m_uFiredId{0};
     unsigned int m_uResolution;
     bool m_bOneShot = false;
     Tessel::Platform::TIMECAPS m_caps{};

@@ -6,6 +6,7 @@
 // where they tell who started a thread, from where, and when it last changed its state.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -24,5 +25,8 @@ struct CActiveObjectThreadRecord {
     std::string m_strClassName;
     std::uint32_t m_ulState = CActiveObject::THREAD_STARTED;  // the last thread state
     Tessel::Platform::SYSTEMTIME m_stateTime{};               // UTC, of the last state change
-    std::uint32_t m_ulExitCode = EXIT_CODE_RUNNING;
+    // Written by the worker when its function returns (or by a forced stop) while any thread
+    // may read it: release and acquire, so that a reader that sees the code also sees what
+    // the thread function did before it returned.
+    std::atomic<std::uint32_t> m_ulExitCode{EXIT_CODE_RUNNING};
 };
