@@ -129,7 +129,9 @@ class Service {
             const Clock::time_point now = Clock::now();
             auto first = schedule.begin();
             if (first->first > now) {
-                scheduleChanged.wait_until(guard, first->first);
+                // A copy: the entry may go while the lock is released.
+                const Clock::time_point due = first->first;
+                scheduleChanged.wait_until(guard, due);
                 continue;
             }
             TimerPtr timer = std::move(first->second);
