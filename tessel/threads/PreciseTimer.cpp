@@ -41,17 +41,18 @@ bool CPreciseTimer::Start(unsigned int delayMs, bool oneShot, IPreciseTimerNotif
     }
     m_pNotify = notify;
     m_bOneShot = oneShot;
-    const unsigned int id =
-        timeSetEvent(delayMs, 0, &CPreciseTimer::TimeFunc, reinterpret_cast<std::size_t>(this),
-                     (oneShot ? TIME_ONESHOT : TIME_PERIODIC) | TIME_KILL_SYNCHRONOUS);
+    unsigned int id = 0;
+    {
+        // Held until the id is stored: a first tick that comes sooner waits for it.
+        std::lock_guard<std::mutex> guard(m_startLock);
+        id = timeSetEvent(delayMs, 0, &CPreciseTimer::TimeFunc, reinterpret_cast<std::size_t>(this),
+                          (oneShot ? TIME_ONESHOT : TIME_PERIODIC) | TIME_KILL_SYNCHRONOUS);
+        m_uTimerId.store(id, std::memory_order_release);
+    }
     if (id == 0) {
-        m_uTimerId.store(0, std::memory_order_release);
         Stop();
         return false;
     }
-    // A one-shot that fired (and was reset) before its id got here stays reset.
-    unsigned int starting = kStarting;
-    m_uTimerId.compare_exchange_strong(starting, id, std::memory_order_acq_rel);
     return true;
 }
 
@@ -81,9 +82,8 @@ void CPreciseTimer::TimeFunc(unsigned int timerId, unsigned int /*message*/, std
     }
     unsigned int current = self->m_uTimerId.load(std::memory_order_acquire);
     if (current == kStarting) {
-        // The first tick came before Start stored the id; no other event of this timer can
-        // run at this point, since a timer runs one event at a time.
-        self->m_uTimerId.compare_exchange_strong(current, timerId, std::memory_order_acq_rel);
+        // The first tick came before Start stored the id: wait until it has.
+        std::lock_guard<std::mutex> guard(self->m_startLock);
         current = self->m_uTimerId.load(std::memory_order_acquire);
     }
     if (current != timerId) {

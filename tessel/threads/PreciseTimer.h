@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <mutex>
 
 #include "tessel/Export.h"
 #include "tessel/platform/MultimediaTimer.h"
@@ -50,6 +51,10 @@ class TESSEL_API CPreciseTimer {
   private:
     // Stands for an event that Start has asked for and whose id it has not yet stored.
     static constexpr unsigned int kStarting = ~0u;
+
+    // Held by Start from asking for the event until its id is stored; a tick that finds the
+    // id not yet stored takes it to wait for that. Copies get a lock of their own.
+    std::mutex m_startLock;
 
     // The running event's id, 0 when none. The callback compares it with its own id to drop
     // a late tick; acquire-release, so that the callback that sees its id also sees the
