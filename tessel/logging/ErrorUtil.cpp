@@ -1,6 +1,7 @@
 #include "tessel/logging/ErrorUtil.h"
 
 #include <map>
+#include <string>
 
 #include "tessel/base/ReadWriteLock.h"
 #include "tessel/base/ReaderWriterSyncGuard.h"
@@ -28,7 +29,7 @@ LastErrors& lastErrors() {
 
 }  // namespace
 
-void CErrorUtil::SetLast(unsigned int trace, const std::string& text, unsigned int first,
+void CErrorUtil::SetLast(unsigned int trace, const CStringA& text, unsigned int first,
                          unsigned int second) {
     if (trace != 0 && CTraceUtil::IsCategorySet(1)) {
         std::string line(text.size() + 64, '\0');
@@ -51,7 +52,7 @@ void CErrorUtil::SetLastByRes(unsigned int trace, Tessel::Platform::HINSTANCE mo
 
 // A thread without an entry is answered without adding one, so that readers never change the
 // table under the read lock.
-bool CErrorUtil::GetLast(std::string& text, unsigned int* first, unsigned int* second) {
+bool CErrorUtil::GetLast(CStringA& text, unsigned int* first, unsigned int* second) {
     LastErrors& errors = lastErrors();
     CReadWriteLock hold(errors.lock, true, true);
     const auto found = errors.entries.find(Tessel::Platform::GetCurrentThreadId());

@@ -14,9 +14,6 @@
 
 namespace Tessel::Platform {
 
-inline constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x01;
-inline constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
-inline constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
 inline constexpr std::size_t MAX_PATH = 260;
 
 struct WIN32_FIND_DATAA {
@@ -39,8 +36,6 @@ TESSEL_API FIND_HANDLE FindFirstFileA(const char* path, WIN32_FIND_DATAA* data);
 // The next entry; FALSE with ERROR_NO_MORE_FILES (18) at the end.
 TESSEL_API BOOL FindNextFileA(FIND_HANDLE search, WIN32_FIND_DATAA* data);
 TESSEL_API BOOL FindClose(FIND_HANDLE search);
-
-inline constexpr DWORD ERROR_NO_MORE_FILES = 18;
 
 // True if name matches pattern by the rules above.
 TESSEL_API bool MatchesWildcard(const char* pattern, const char* name);

@@ -1,0 +1,20 @@
+// The descriptor behind a file handle (private to the library).
+//
+// Lets the other file services of the platform layer (mapped views) work on the descriptor of
+// a handle that CreateFileA made. The descriptor stays owned by the handle: the caller neither
+// closes it nor keeps it beyond the handle's CloseHandle.
+#pragma once
+
+#include "tessel/platform/Types.h"
+
+namespace Tessel::Platform {
+
+// The descriptor of the file handle, or -1 with ERROR_INVALID_HANDLE for a handle that is not
+// an open file handle.
+int FileDescriptorOf(HANDLE file);
+
+// The access that the handle was opened with: GENERIC_READ and/or GENERIC_WRITE; 0 for a handle
+// that is not an open file handle.
+DWORD FileAccessOf(HANDLE file);
+
+}  // namespace Tessel::Platform
