@@ -18,11 +18,10 @@
 // Thread safety: none; an object belongs to one thread at a time.
 #pragma once
 
-#include <bit>
 #include <cstdint>
-#include <cstring>
 
 #include "tessel/Export.h"
+#include "tessel/persistence/PackedField.h"
 
 class TESSEL_API CIndexedFileIndex {
   public:
@@ -34,36 +33,30 @@ class TESSEL_API CIndexedFileIndex {
     }
 
     // The GPS week, 0 to 65535.
-    unsigned short getGPSWeek() const { return get<std::uint16_t>(kWeekOffset); }
+    unsigned short getGPSWeek() const {
+        return Tessel::LoadPackedField<std::uint16_t>(m_abyRecord + kWeekOffset);
+    }
     // Milliseconds of the GPS week, 0 to 604799999 for a valid time (not checked).
-    unsigned int getGPSMsecs() const { return get<std::uint32_t>(kMsecsOffset); }
+    unsigned int getGPSMsecs() const {
+        return Tessel::LoadPackedField<std::uint32_t>(m_abyRecord + kMsecsOffset);
+    }
     // Sets both time fields.
     void setGPSTime(unsigned short week, unsigned int msecs) {
-        put<std::uint16_t>(kWeekOffset, week);
-        put<std::uint32_t>(kMsecsOffset, msecs);
+        Tessel::StorePackedField<std::uint16_t>(m_abyRecord + kWeekOffset, week);
+        Tessel::StorePackedField<std::uint32_t>(m_abyRecord + kMsecsOffset, msecs);
     }
     // The file position of the record, in bytes from the start of the data file.
-    std::uint64_t getUi64FilePos() const { return get<std::uint64_t>(kFilePosOffset); }
-    void setUi64FilePos(std::uint64_t filePos) { put<std::uint64_t>(kFilePosOffset, filePos); }
+    std::uint64_t getUi64FilePos() const {
+        return Tessel::LoadPackedField<std::uint64_t>(m_abyRecord + kFilePosOffset);
+    }
+    void setUi64FilePos(std::uint64_t filePos) {
+        Tessel::StorePackedField<std::uint64_t>(m_abyRecord + kFilePosOffset, filePos);
+    }
 
   private:
-    static_assert(std::endian::native == std::endian::little,
-                  "the record is kept in the byte order of its files");
-
     static constexpr std::size_t kWeekOffset = 0;
     static constexpr std::size_t kMsecsOffset = 2;
     static constexpr std::size_t kFilePosOffset = 6;
-
-    template <class Field>
-    Field get(std::size_t offset) const {
-        Field value;
-        std::memcpy(&value, m_abyRecord + offset, sizeof value);
-        return value;
-    }
-    template <class Field>
-    void put(std::size_t offset, Field value) {
-        std::memcpy(m_abyRecord + offset, &value, sizeof value);
-    }
 
     unsigned char m_abyRecord[14] = {};
 };

@@ -18,11 +18,10 @@
 // Thread safety: none; an object belongs to one thread at a time.
 #pragma once
 
-#include <bit>
 #include <cstdint>
-#include <cstring>
 
 #include "tessel/Export.h"
+#include "tessel/persistence/PackedField.h"
 
 class TESSEL_API CIndexedFileRecordHeader {
   public:
@@ -30,33 +29,31 @@ class TESSEL_API CIndexedFileRecordHeader {
     explicit CIndexedFileRecordHeader(unsigned int size) { setSize(size); }
 
     // The record size in bytes, 0 to 2^32 - 1.
-    unsigned int getSize() const { return get<std::uint32_t>(kSizeOffset); }
-    void setSize(unsigned int size) { put<std::uint32_t>(kSizeOffset, size); }
+    unsigned int getSize() const {
+        return Tessel::LoadPackedField<std::uint32_t>(m_abyRecord + kSizeOffset);
+    }
+    void setSize(unsigned int size) {
+        Tessel::StorePackedField<std::uint32_t>(m_abyRecord + kSizeOffset, size);
+    }
     // The GPS week, 0 to 65535.
-    unsigned short getGPSWeek() const { return get<std::uint16_t>(kWeekOffset); }
-    void setGPSWeek(unsigned short week) { put<std::uint16_t>(kWeekOffset, week); }
+    unsigned short getGPSWeek() const {
+        return Tessel::LoadPackedField<std::uint16_t>(m_abyRecord + kWeekOffset);
+    }
+    void setGPSWeek(unsigned short week) {
+        Tessel::StorePackedField<std::uint16_t>(m_abyRecord + kWeekOffset, week);
+    }
     // Milliseconds of the GPS week, 0 to 604799999 for a valid time (not checked).
-    unsigned int getGPSMsecs() const { return get<std::uint32_t>(kMsecsOffset); }
-    void setGPSMsecs(unsigned int msecs) { put<std::uint32_t>(kMsecsOffset, msecs); }
+    unsigned int getGPSMsecs() const {
+        return Tessel::LoadPackedField<std::uint32_t>(m_abyRecord + kMsecsOffset);
+    }
+    void setGPSMsecs(unsigned int msecs) {
+        Tessel::StorePackedField<std::uint32_t>(m_abyRecord + kMsecsOffset, msecs);
+    }
 
   private:
-    static_assert(std::endian::native == std::endian::little,
-                  "the record is kept in the byte order of its files");
-
     static constexpr std::size_t kSizeOffset = 0;
     static constexpr std::size_t kWeekOffset = 4;
     static constexpr std::size_t kMsecsOffset = 6;
-
-    template <class Field>
-    Field get(std::size_t offset) const {
-        Field value;
-        std::memcpy(&value, m_abyRecord + offset, sizeof value);
-        return value;
-    }
-    template <class Field>
-    void put(std::size_t offset, Field value) {
-        std::memcpy(m_abyRecord + offset, &value, sizeof value);
-    }
 
     unsigned char m_abyRecord[10] = {};
 };
