@@ -25,12 +25,19 @@ class RatioReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
+        // With repetitions the median of a benchmark's runs stands for it, else its run.
         for (const Run& run : runs) {
-            if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                m_times[run.benchmark_name()] =
-                    run.GetAdjustedRealTime() *
-                    benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
-                    benchmark::GetTimeUnitMultiplier(run.time_unit);
+            const double ns = run.GetAdjustedRealTime() *
+                              benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
+                              benchmark::GetTimeUnitMultiplier(run.time_unit);
+            if (run.error_occurred) {
+                continue;
+            }
+            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
+                m_times[run.run_name.str()] = ns;
+                m_medians[run.run_name.str()] = true;
+            } else if (run.run_type == Run::RT_Iteration && !m_medians[run.benchmark_name()]) {
+                m_times[run.benchmark_name()] = ns;
             }
         }
     }
@@ -63,6 +70,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
 
   private:
     std::map<std::string, double> m_times;
+    std::map<std::string, bool> m_medians;
 };
 
 // Runs the registered benchmarks and prints the ratios. Returns 0 (figures are reported,

@@ -18,3 +18,18 @@ int CUtil::CleanUnprintableStringA(char* text, std::size_t size) {
     }
     return 0;
 }
+
+std::wstring CUtil::SatelliteSystemToWString(long mask) {
+    static constexpr const wchar_t* kNames[] = {L"Gps",  L"Glonass", L"Transit", L"Galileo",
+                                                L"SBAS", L"BeiDou",  L"QZSS",    L"GNSS"};
+    std::wstring text;
+    for (unsigned bit = 0; bit < 8; ++bit) {
+        if ((mask & (1L << bit)) != 0) {
+            if (!text.empty()) {
+                text += L',';
+            }
+            text += kNames[bit];
+        }
+    }
+    return text;
+}

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 #include "tessel/Export.h"
 
@@ -28,4 +29,11 @@ class TESSEL_API CUtil {
     static int CleanUnprintableString(char* text, std::size_t size);
     // The same for a narrow text; CleanUnprintableString is its general name.
     static int CleanUnprintableStringA(char* text, std::size_t size);
+
+    // --- Satellite systems ---
+
+    // The names of the satellite systems in mask, a set of CPrnID::PrnType bits, joined by
+    // commas in the order of their bits: "Gps", "Glonass", "Transit", "Galileo", "SBAS",
+    // "BeiDou", "QZSS", "GNSS". Other bits count for nothing; "" for none.
+    static std::wstring SatelliteSystemToWString(long mask);
 };
