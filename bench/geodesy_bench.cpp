@@ -43,65 +43,48 @@ const Points& points() {
     return p;
 }
 
-void Baseline_GeographicLibForward(benchmark::State& state) {
-    const Points& p = points();
-    const GeographicLib::Geocentric& earth = GeographicLib::Geocentric::WGS84();
+// Converts all points (u[i], v[i], w[i]) with convert each iteration.
+template <class Convert>
+void ConvertAll(benchmark::State& state, const std::vector<double>& u, const std::vector<double>& v,
+                const std::vector<double>& w, Convert convert) {
     for (auto _ : state) {
         double sum = 0;
         for (std::size_t i = 0; i < kPoints; ++i) {
-            double X, Y, Z;
-            earth.Forward(p.latDeg[i], p.lonDeg[i], p.h[i], X, Y, Z);
-            sum += X + Y + Z;
+            double a = u[i], b = v[i], c = w[i];
+            convert(a, b, c);
+            sum += a + b + c;
         }
         benchmark::DoNotOptimize(sum);
     }
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kPoints));
+}
+
+const GeographicLib::Geocentric& earth = GeographicLib::Geocentric::WGS84();
+
+void Baseline_GeographicLibForward(benchmark::State& state) {
+    ConvertAll(
+        state, points().latDeg, points().lonDeg, points().h,
+        [](double& lat, double& lon, double& h) { earth.Forward(lat, lon, h, lat, lon, h); });
 }
 BENCHMARK(Baseline_GeographicLibForward)->Unit(benchmark::kMillisecond);
 
 void GeodeticToXyzWgs84(benchmark::State& state) {
-    const Points& p = points();
-    for (auto _ : state) {
-        double sum = 0;
-        for (std::size_t i = 0; i < kPoints; ++i) {
-            double x = p.latRad[i], y = p.lonRad[i], z = p.h[i];
-            CGeoCalc::GeodeticToXyzWgs84(x, y, z, nullptr);
-            sum += x + y + z;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kPoints));
+    ConvertAll(
+        state, points().latRad, points().lonRad, points().h,
+        [](double& x, double& y, double& z) { CGeoCalc::GeodeticToXyzWgs84(x, y, z, nullptr); });
 }
 BENCHMARK(GeodeticToXyzWgs84)->Unit(benchmark::kMillisecond);
 
 void Baseline_GeographicLibReverse(benchmark::State& state) {
-    const Points& p = points();
-    const GeographicLib::Geocentric& earth = GeographicLib::Geocentric::WGS84();
-    for (auto _ : state) {
-        double sum = 0;
-        for (std::size_t i = 0; i < kPoints; ++i) {
-            double lat, lon, h;
-            earth.Reverse(p.x[i], p.y[i], p.z[i], lat, lon, h);
-            sum += lat + lon + h;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kPoints));
+    ConvertAll(state, points().x, points().y, points().z,
+               [](double& x, double& y, double& z) { earth.Reverse(x, y, z, x, y, z); });
 }
 BENCHMARK(Baseline_GeographicLibReverse)->Unit(benchmark::kMillisecond);
 
 void XyzToGeodeticWgs84(benchmark::State& state) {
-    const Points& p = points();
-    for (auto _ : state) {
-        double sum = 0;
-        for (std::size_t i = 0; i < kPoints; ++i) {
-            double lat = p.x[i], lon = p.y[i], h = p.z[i];
-            CGeoCalc::XyzToGeodeticWgs84(lat, lon, h, nullptr);
-            sum += lat + lon + h;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kPoints));
+    ConvertAll(state, points().x, points().y, points().z, [](double& x, double& y, double& z) {
+        CGeoCalc::XyzToGeodeticWgs84(x, y, z, nullptr);
+    });
 }
 BENCHMARK(XyzToGeodeticWgs84)->Unit(benchmark::kMillisecond);
 

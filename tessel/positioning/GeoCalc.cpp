@@ -58,6 +58,19 @@ void Multiply(const Matrix& left, bool transposeLeft, const Matrix& right, bool 
     }
 }
 
+// result = R v, or R^T v where transpose is true.
+void RotateVector(double lat, double lon, const double (&v)[3], bool transpose,
+                  double (&result)[3]) {
+    Matrix r;
+    Rotation(lat, lon, r);
+    for (int i = 0; i < 3; ++i) {
+        result[i] = 0.0;
+        for (int k = 0; k < 3; ++k) {
+            result[i] += (transpose ? r[k][i] : r[i][k]) * v[k];
+        }
+    }
+}
+
 // The (row, column) of each packed element, for the two packings.
 constexpr int kLower[6][2] = {{0, 0}, {1, 0}, {1, 1}, {2, 0}, {2, 1}, {2, 2}};
 constexpr int kUpper[6][2] = {{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, 2}};
@@ -193,13 +206,9 @@ double CGeoCalc::SlopeDistanceWgs84(double& lat1, double& lon1, double& h1, doub
 
 void CGeoCalc::ResidualsGeodeticToXyz(double lat, double lon, double& eastToX, double& northToY,
                                       double& upToZ) {
-    Matrix r;
-    Rotation(lat, lon, r);
     const double local[3] = {northToY, eastToX, upToZ};
     double xyz[3];
-    for (int i = 0; i < 3; ++i) {
-        xyz[i] = r[0][i] * local[0] + r[1][i] * local[1] + r[2][i] * local[2];
-    }
+    RotateVector(lat, lon, local, true, xyz);
     eastToX = xyz[0];
     northToY = xyz[1];
     upToZ = xyz[2];
@@ -207,13 +216,9 @@ void CGeoCalc::ResidualsGeodeticToXyz(double lat, double lon, double& eastToX, d
 
 void CGeoCalc::ResidualsXyzToGeodetic(double lat, double lon, double& xToEast, double& yToNorth,
                                       double& zToUp) {
-    Matrix r;
-    Rotation(lat, lon, r);
     const double xyz[3] = {xToEast, yToNorth, zToUp};
     double local[3];
-    for (int i = 0; i < 3; ++i) {
-        local[i] = r[i][0] * xyz[0] + r[i][1] * xyz[1] + r[i][2] * xyz[2];
-    }
+    RotateVector(lat, lon, xyz, false, local);
     xToEast = local[1];
     yToNorth = local[0];
     zToUp = local[2];
