@@ -11,8 +11,10 @@
 #include <stdio.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +22,7 @@
 #include <new>
 #include <string>
 
+#include "tessel/platform/FileFind.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/detail/FileMapping.h"
 #include "tessel/platform/detail/FileObject.h"
@@ -143,6 +146,27 @@ int openByDisposition(const char* path, int accessFlags, DWORD disposition, bool
             errno = EINVAL;
             return -1;
     }
+}
+
+// The name of the temporary file number in folder (with its separator) and prefix (at most
+// three characters).
+std::string tempName(const std::string& folder, const std::string& prefix, UINT number) {
+    char digits[16];
+    std::snprintf(digits, sizeof digits, "%X", number & 0xFFFFu);
+    return folder + prefix + digits + ".tmp";
+}
+
+// The number at which the next search for a free temporary name starts: seeded once from the
+// process id and the clock, so that processes started together begin apart, and advanced by
+// every call, so that calls of one process begin apart.
+UINT nextTempNumber() {
+    static std::atomic<UINT> next = [] {
+        struct timespec now {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        return static_cast<UINT>(::getpid()) * 40503u + static_cast<UINT>(now.tv_nsec / 1000);
+    }();
+    // Relaxed: the number is only a starting point; O_EXCL decides which file is whose.
+    return next.fetch_add(1, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -463,6 +487,57 @@ BOOL MoveFileExA(const char* existingName, const char* newName, DWORD flags) {
         }
     }
     return TRUE;
+}
+
+UINT GetTempFileNameA(const char* path, const char* prefix, UINT unique, char* tempFileName) {
+    if (tempFileName != nullptr) {
+        *tempFileName = '\0';
+    }
+    if (path == nullptr || prefix == nullptr || tempFileName == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    std::string folder(path);
+    if (!folder.empty() && folder.back() != '/' && folder.back() != '\\') {
+        folder += '/';
+    }
+    const std::string lead(prefix, ::strnlen(prefix, 3));
+    // Stores name as the result if it fits with its NUL.
+    const auto store = [tempFileName](const std::string& name) {
+        if (name.size() >= MAX_PATH) {
+            SetLastError(ERROR_BUFFER_OVERFLOW);
+            return false;
+        }
+        std::memcpy(tempFileName, name.c_str(), name.size() + 1);
+        return true;
+    };
+    if (unique != 0) {
+        return store(tempName(folder, lead, unique)) ? unique : 0;
+    }
+    const UINT start = nextTempNumber();
+    for (UINT step = 0; step <= 0xFFFFu; ++step) {
+        const UINT number = (start + step) & 0xFFFFu;
+        if (number == 0) {
+            continue;  // 0 is the failure result
+        }
+        const std::string name = tempName(folder, lead, number);
+        if (name.size() >= MAX_PATH) {
+            SetLastError(ERROR_BUFFER_OVERFLOW);
+            return 0;
+        }
+        const int fd = openRetrying(name.c_str(), O_WRONLY | O_CREAT | O_EXCL);
+        if (fd >= 0) {
+            ::close(fd);
+            store(name);
+            return number;
+        }
+        if (errno != EEXIST) {
+            setFileError(errno, name.c_str());
+            return 0;
+        }
+    }
+    SetLastError(ERROR_FILE_EXISTS);
+    return 0;
 }
 
 }  // namespace Tessel::Platform

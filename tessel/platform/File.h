@@ -121,4 +121,19 @@ TESSEL_API BOOL DeleteFileA(const char* fileName);
 // newName is synced). Both names must lie on one file system (ERROR_NOT_SAME_DEVICE).
 TESSEL_API BOOL MoveFileExA(const char* existingName, const char* newName, DWORD flags);
 
+// Names a temporary file in the folder path: path, a '/' unless path is empty or ends in '/'
+// or '\', the first three characters of prefix (fewer if it is shorter), the number in upper-case
+// hexadecimal without leading zeros, and ".tmp", as in "./tvw1A2F.tmp"; written with its NUL
+// into tempFileName, which has room for MAX_PATH (260) characters. Only the low 16 bits of a
+// number are used. unique non-zero: forms the name with unique and returns unique; no file is
+// made. unique 0: makes the new empty file under that name (permissions 0666 less the umask),
+// starting from a number that differs between processes and between calls and taking the
+// next one (1 to 0xFFFF, wrapping) where a file of that name exists; returns the number of
+// the file made. 0 on failure, tempFileName then empty where it is not null:
+// ERROR_INVALID_PARAMETER for a null path, prefix or tempFileName, ERROR_BUFFER_OVERFLOW for
+// a name that does not fit, ERROR_FILE_EXISTS when all numbers are taken, and the error of
+// the failed creation (ERROR_PATH_NOT_FOUND for a missing folder, ERROR_ACCESS_DENIED, ...).
+TESSEL_API UINT GetTempFileNameA(const char* path, const char* prefix, UINT unique,
+                                 char* tempFileName);
+
 }  // namespace Tessel::Platform
