@@ -50,7 +50,9 @@ struct Renderer : IDataLog {
 // Record i: its number in 8 bytes, then i % 13 bytes that depend on it; every 5th is empty.
 Bytes recordBytes(std::uint64_t i) {
     Bytes bytes(i % 5 == 4 ? 0 : 8 + i % 13, static_cast<unsigned char>(i * 7));
-    std::memcpy(bytes.data(), &i, std::min<std::size_t>(bytes.size(), 8));
+    if (!bytes.empty()) {
+        std::memcpy(bytes.data(), &i, std::min<std::size_t>(bytes.size(), 8));
+    }
     return bytes;
 }
 
