@@ -2,6 +2,7 @@
 
 #include <boost/filesystem.hpp>
 
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 
@@ -33,6 +34,7 @@ void ConfigFileWatcher::stop() {
 }
 
 void ConfigFileWatcher::run(std::string path, Callback callback, std::uint32_t intervalMinutes) {
+    EnsureAlternateSignalStack();
     const boost::filesystem::path file(path);
     DWORD timeoutMs = intervalMinutes * 60000u;
     while (WaitForSingleObject(m_stopEvent, timeoutMs) == WAIT_TIMEOUT) {

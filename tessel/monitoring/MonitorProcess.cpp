@@ -15,6 +15,7 @@
 #include "tessel/host/TempDirectory.h"
 #include "tessel/logging/ILogging.h"
 #include "tessel/platform/Clock.h"
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/Process.h"
 #include "tessel/platform/StackTrace.h"
@@ -175,6 +176,7 @@ void MonitorProcess::stop() {
 }
 
 void MonitorProcess::update() {
+    Platform::EnsureAlternateSignalStack();
     while (m_running) {
         updateOnce();
         {

@@ -15,6 +15,7 @@
 
 #include "tessel/logging/ILogging.h"
 #include "tessel/monitoring/MonitorElementDatabase.h"
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/Sockets.h"
 
 namespace {
@@ -372,6 +373,7 @@ void CTelnetConnectionHandler::startRepeat(const std::string& argument) {
 }
 
 void CTelnetConnectionHandler::repeatThread() {
+    Tessel::Platform::EnsureAlternateSignalStack();
     while (m_bRepeatRunning) {
         if (m_bRepeatActive) {
             try {

@@ -9,6 +9,7 @@
 #include "tessel/host/Registry.h"
 #include "tessel/logging/ILogging.h"
 #include "tessel/monitoring/TelnetConnectionHandler.h"
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/Sockets.h"
 
 namespace {
@@ -155,6 +156,7 @@ void CTelnetServer::handle_acceptMachineInfo(Connection connection,
 // BACKTRACE filter selecting an element without numeric ids) ends its connection, whose read
 // chain it interrupted, and is logged; the server goes on with the others.
 void CTelnetServer::workerThread() {
+    Tessel::Platform::EnsureAlternateSignalStack();
     while (m_iRunning == 1) {
         boost::system::error_code error;
         std::size_t handlers = 0;

@@ -540,4 +540,30 @@ UINT GetTempFileNameA(const char* path, const char* prefix, UINT unique, char* t
     return 0;
 }
 
+DWORD GetFinalPathNameByHandleA(HANDLE file, char* buffer, DWORD size, DWORD /*flags*/) {
+    const int fd = FileDescriptorOf(file);
+    if (fd < 0) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return 0;
+    }
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    char path[4096];
+    const ssize_t length = ::readlink(link, path, sizeof path);
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof path) {
+        if (length <= 0) {
+            SetLastErrorFromErrno(errno);
+        } else {
+            SetLastError(ERROR_BUFFER_OVERFLOW);
+        }
+        return 0;
+    }
+    if (buffer == nullptr || static_cast<DWORD>(length) >= size) {
+        return static_cast<DWORD>(length) + 1;
+    }
+    std::memcpy(buffer, path, static_cast<size_t>(length));
+    buffer[length] = '\0';
+    return static_cast<DWORD>(length);
+}
+
 }  // namespace Tessel::Platform

@@ -136,4 +136,10 @@ TESSEL_API BOOL MoveFileExA(const char* existingName, const char* newName, DWORD
 TESSEL_API UINT GetTempFileNameA(const char* path, const char* prefix, UINT unique,
                                  char* tempFileName);
 
+// The path of the open file of handle file into buffer of size characters with its NUL, as the
+// system names it now (the file's absolute path). flags: ignored. The length without the NUL;
+// where it does not fit, the size needed with the NUL and buffer untouched; 0 on failure with
+// the last error set (ERROR_INVALID_HANDLE for a handle that is not a file).
+TESSEL_API DWORD GetFinalPathNameByHandleA(HANDLE file, char* buffer, DWORD size, DWORD flags);
+
 }  // namespace Tessel::Platform

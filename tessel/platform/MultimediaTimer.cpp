@@ -23,6 +23,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "tessel/platform/CrashHandling.h"
 namespace Tessel::Platform {
 namespace {
 
@@ -94,6 +95,7 @@ std::shared_ptr<TimerEvent> takeOut(UINT id) {
 }
 
 void runEvent(const std::shared_ptr<TimerEvent>& event) {
+    EnsureAlternateSignalStack();
     ::prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     ::pthread_setname_np(::pthread_self(), "TesselMmTimer");
     pollfd fds[2] = {{event->timerFd, POLLIN, 0}, {event->stopFd, POLLIN, 0}};

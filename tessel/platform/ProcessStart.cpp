@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/detail/KernelObject.h"
 
@@ -91,6 +92,7 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 void reapLater(pid_t pid) {
     try {
         std::thread([pid] {
+            EnsureAlternateSignalStack();
             ::pthread_setname_np(::pthread_self(), "tessel-reaper");
             int status;
             while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {

@@ -18,6 +18,7 @@
 
 #include <boost/stacktrace/frame.hpp>
 
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/LastError.h"
 
 namespace Tessel::Platform {
@@ -207,6 +208,7 @@ class Symboliser {
     }
 
     void run() {
+        EnsureAlternateSignalStack();
         ::pthread_setname_np(::pthread_self(), "StackSymbols");
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {

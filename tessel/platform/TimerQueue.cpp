@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/ProcessMetrics.h"
@@ -119,6 +120,7 @@ class Service {
 
   private:
     void dispatch() {
+        EnsureAlternateSignalStack();
         ::pthread_setname_np(::pthread_self(), "TesselTimerQ");
         std::unique_lock<std::mutex> guard(lock);
         for (;;) {
@@ -152,6 +154,7 @@ class Service {
     }
 
     void work() {
+        EnsureAlternateSignalStack();
         ::pthread_setname_np(::pthread_self(), "TesselTimerQW");
         std::unique_lock<std::mutex> guard(lock);
         for (;;) {

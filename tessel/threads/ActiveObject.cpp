@@ -11,6 +11,7 @@
 #include "tessel/logging/ILogging.h"
 #include "tessel/logging/TraceUtil.h"
 #include "tessel/platform/CheckedPrint.h"
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/DebugOutput.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Process.h"
@@ -160,6 +161,7 @@ void CActiveObject::InitWorkerThread() {
 }
 
 void CActiveObject::WorkerThread() {
+    EnsureAlternateSignalStack();
     m_ulWorkerThreadId.store(GetCurrentThreadId());
     WaitForStart();
     const unsigned long exitCode = m_pThreadFunction(m_pThreadParameter);

@@ -12,6 +12,7 @@
 #include "tessel/logging/ILogging.h"
 #include "tessel/logging/TraceUtil.h"
 #include "tessel/platform/CheckedPrint.h"
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/Process.h"
 #include "tessel/threads/CheckerUtilHandler.h"
 
@@ -94,6 +95,7 @@ std::uint32_t CIOCompletionPort::StartThread() {
     std::future<std::uint32_t> id = published->get_future();
     m_threads.emplace_back();  // a failed start leaves a null entry, skipped on the way out
     m_threads.back() = std::make_shared<boost::thread>([this, published] {
+        Platform::EnsureAlternateSignalStack();
         published->set_value(Platform::GetCurrentThreadId());
         m_ioContext.run();
     });

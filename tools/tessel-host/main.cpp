@@ -28,6 +28,8 @@
 #include "tessel/monitoring/TelnetServer.h"
 #include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/Handle.h"
+#include "tessel/supervision/ExceptionHandlerVelkor.h"
+#include "tessel/supervision/MiniDumpHelper.h"
 #include "tessel/supervision/WatchdogClient.h"
 #include "tessel/threads/ActiveObject.h"
 
@@ -178,6 +180,11 @@ int main(int argc, char** argv) {
             return usage();
         }
     }
+
+    // First of all the crash handlers: a fault from here on ends in the two dump files of the
+    // temp directory and a log line.
+    custom_minidump::MiniDumpHelper crashDumps;
+    CExceptionHandlerVelkor::ActivateExceptionHandlers();
 
     // The signals are taken by this thread alone, with sigtimedwait.
     sigset_t stopSignals;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/Event.h"
 #include "tessel/platform/Handle.h"
 
@@ -94,6 +95,7 @@ void RegistryWatcher::start() {
 }
 
 void RegistryWatcher::run(int inotifyFd) {
+    EnsureAlternateSignalStack();
     ::pthread_setname_np(::pthread_self(), "tessel-regwatch");
     alignas(inotify_event) char buffer[4096];
     while (true) {
