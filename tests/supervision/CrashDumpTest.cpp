@@ -12,14 +12,19 @@
 #include <vector>
 
 #include "support/ChildProcess.h"
+#include "support/Eventually.h"
 #include "support/TestSupport.h"
 #include "tessel/host/Registry.h"
+#include "tessel/host/TempDirectory.h"
+#include "tessel/monitoring/MonitorElementDatabase.h"
+#include "tessel/monitoring/MonitorProcess.h"
 #include "tessel/platform/CrashHandling.h"
 
 namespace {
 
 using namespace TesselTest;
 using testing::HasSubstr;
+using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -166,6 +171,22 @@ TEST(CrashDumps, TwoAtOnceBothCompleteAndTheRegistryTypeDecidesTheSecondFile) {
         EXPECT_THAT(contents(death.full), HasSubstr("Fault address"));
         EXPECT_THAT(death.log, HasSubstr("Type[0x1104], Default[0x41106]"));
     }
+}
+
+// The process metrics count the dump files of their temp directory, these among them.
+TEST(CrashDumps, TheProcessMetricsCountTheNewDumps) {
+    if (kSanitized) {
+        GTEST_SKIP() << "the sanitizer owns the fatal signals in this build";
+    }
+    const Death death = die({"abort"})[0];
+    ASSERT_FALSE(death.small.empty());
+    CTempDirectory::SetTempDirectory(death.small.parent_path().string() + "/");
+    MonitorProcess monitor;
+    monitor.start();
+    CMonitorElement* count =
+        MonitorElementDatabase::getInstance().findOrAdd("/Server/DumpCount", "");
+    const double expected = Tessel::Platform::IsProcessCoreWriterAvailable() ? 2.0 : 1.0;
+    EXPECT_TRUE(eventually([&] { return count->get() == expected; }, 10s, 20ms));
 }
 
 }  // namespace
