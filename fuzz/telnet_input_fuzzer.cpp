@@ -9,11 +9,13 @@
 //   exactly Content-Length bytes of body.
 // A BACKTRACE filter that selects elements without numeric ids fails its conversion with
 // std::invalid_argument or std::out_of_range, which is how that command is defined.
+#include <poll.h>
 #include <stdlib.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <stdexcept>
@@ -90,9 +92,23 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Loopback& net = loopback();
     tcp::socket client(net.io);
-    client.connect(net.acceptor.local_endpoint());
+    boost::system::error_code failure;
+    client.connect(net.acceptor.local_endpoint(), failure);
+    if (failure == boost::asio::error::interrupted) {
+        // libFuzzer's timer signal cut the wait short; the kernel completes the connection.
+        pollfd writable{client.native_handle(), POLLOUT, 0};
+        while (::poll(&writable, 1, -1) < 0 && errno == EINTR) {
+        }
+    } else if (failure) {
+        throw boost::system::system_error(failure, "connect");
+    }
     CTelnetConnectionHandler::pointer connection = CTelnetConnectionHandler::create(net.io);
-    net.acceptor.accept(connection->socket());
+    do {
+        net.acceptor.accept(connection->socket(), failure);
+    } while (failure == boost::asio::error::interrupted);
+    if (failure) {
+        throw boost::system::system_error(failure, "accept");
+    }
 
     std::string output;
     std::thread drain([&] {
