@@ -108,10 +108,16 @@ TEST(DebugOutput, SinkIsReplaceableAndNoDebuggerIsPresent) {
 }
 
 TEST(Clock, SystemTimeCountsFrom1601AndTheTickCountIsTheLowWordOfTheMillisecondClock) {
-    const std::int64_t before = static_cast<std::int64_t>(::time(nullptr));
+    // The precise clock: time() reads a coarse one, which may lag a second boundary.
+    const auto now = [] {
+        timespec t{};
+        ::clock_gettime(CLOCK_REALTIME, &t);
+        return static_cast<std::int64_t>(t.tv_sec);
+    };
+    const std::int64_t before = now();
     const std::int64_t seconds = (GetSystemTimeTicks() - kUnixEpochInSystemTicks) / 10000000;
     EXPECT_GE(seconds, before);
-    EXPECT_LE(seconds, static_cast<std::int64_t>(::time(nullptr)));
+    EXPECT_LE(seconds, now());
     const std::uint64_t wide = GetTickCount64();
     EXPECT_LE(static_cast<DWORD>(GetTickCount() - static_cast<DWORD>(wide)), 1000u);
 }
