@@ -39,6 +39,7 @@ constexpr ErrorText kTexts[] = {
      "file.\r\n"},
     {ERROR_HANDLE_EOF, "Reached the end of the file.\r\n"},
     {ERROR_NOT_SUPPORTED, "The request is not supported.\r\n"},
+    {ERROR_BAD_NETPATH, "The network path was not found.\r\n"},
     {ERROR_FILE_EXISTS, "The file exists.\r\n"},
     {ERROR_INVALID_PARAMETER, "The parameter is incorrect.\r\n"},
     {ERROR_BROKEN_PIPE, "The pipe has been ended.\r\n"},

@@ -48,6 +48,15 @@ union LARGE_INTEGER {
     std::int64_t QuadPart;
 };
 
+// An unsigned 64-bit number in two 32-bit halves: sizes and byte counts of disks.
+union ULARGE_INTEGER {
+    struct {
+        DWORD LowPart;
+        DWORD HighPart;
+    };
+    std::uint64_t QuadPart;
+};
+
 // A time or time span in ticks of 100 ns, split into two 32-bit halves.
 struct FILETIME {
     DWORD dwLowDateTime;
@@ -113,6 +122,7 @@ inline constexpr DWORD ERROR_SHARING_VIOLATION = 32;
 inline constexpr DWORD ERROR_LOCK_VIOLATION = 33;
 inline constexpr DWORD ERROR_HANDLE_EOF = 38;
 inline constexpr DWORD ERROR_NOT_SUPPORTED = 50;
+inline constexpr DWORD ERROR_BAD_NETPATH = 53;
 inline constexpr DWORD ERROR_FILE_EXISTS = 80;
 inline constexpr DWORD ERROR_INVALID_PARAMETER = 87;
 inline constexpr DWORD ERROR_BROKEN_PIPE = 109;
