@@ -1,10 +1,54 @@
 #include "tessel/platform/CheckedPrint.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "tessel/platform/InvalidParameter.h"
 
 namespace Tessel::Platform {
+namespace {
+
+bool isIntegerConversion(char c) {
+    return c != '\0' && std::strchr("diouxX", c) != nullptr;
+}
+
+}  // namespace
+
+std::string ToPosixFormat(const char* format) {
+    std::string result;
+    if (format == nullptr) {
+        return result;
+    }
+    const char* p = format;
+    while (*p != '\0') {
+        if (*p != '%') {
+            result += *p++;
+            continue;
+        }
+        result += *p++;
+        if (*p == '%') {
+            result += *p++;
+            continue;
+        }
+        // Flags, width and precision come before the size prefix.
+        while (*p != '\0' && std::strchr("-+ #0123456789.*'", *p) != nullptr) {
+            result += *p++;
+        }
+        if (*p != 'I') {
+            continue;
+        }
+        if (std::strncmp(p, "I64", 3) == 0 && isIntegerConversion(p[3])) {
+            result += "ll";
+            p += 3;
+        } else if (std::strncmp(p, "I32", 3) == 0 && isIntegerConversion(p[3])) {
+            p += 3;
+        } else if (isIntegerConversion(p[1])) {
+            result += 'z';
+            p += 1;
+        }
+    }
+    return result;
+}
 
 int vsprintf_s(char* buffer, std::size_t size, const char* format, std::va_list arguments) {
     if (buffer == nullptr || size == 0 || format == nullptr) {

@@ -24,6 +24,7 @@
 
 #include "tessel/platform/FileFind.h"
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/PendingDeletions.h"
 #include "tessel/platform/detail/FileMapping.h"
 #include "tessel/platform/detail/FileObject.h"
 #include "tessel/platform/detail/KernelObject.h"
@@ -457,6 +458,17 @@ BOOL DeleteFileA(const char* fileName) {
 }
 
 BOOL MoveFileExA(const char* existingName, const char* newName, DWORD flags) {
+    if ((flags & MOVEFILE_DELAY_UNTIL_REBOOT) != 0) {
+        if (existingName == nullptr || *existingName == '\0') {
+            SetLastError(ERROR_INVALID_PARAMETER);
+            return FALSE;
+        }
+        if (newName != nullptr) {
+            SetLastError(ERROR_NOT_SUPPORTED);
+            return FALSE;
+        }
+        return MarkForDeletionAtReboot(existingName);
+    }
     if (existingName == nullptr || *existingName == '\0' || newName == nullptr ||
         *newName == '\0') {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -485,6 +497,158 @@ BOOL MoveFileExA(const char* existingName, const char* newName, DWORD flags) {
             setFileError(e);
             return FALSE;
         }
+    }
+    return TRUE;
+}
+
+BOOL CopyFileA(const char* existingName, const char* newName, BOOL failIfExists) {
+    if (existingName == nullptr || *existingName == '\0' || newName == nullptr ||
+        *newName == '\0') {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    const int source = openRetrying(existingName, O_RDONLY);
+    if (source < 0) {
+        setFileError(errno, existingName);
+        return FALSE;
+    }
+    struct stat info {};
+    if (::fstat(source, &info) != 0 || S_ISDIR(info.st_mode)) {
+        const int e = S_ISDIR(info.st_mode) ? EISDIR : errno;
+        ::close(source);
+        setFileError(e);
+        return FALSE;
+    }
+    const int target =
+        openRetrying(newName, O_WRONLY | O_CREAT | (failIfExists ? O_EXCL : O_TRUNC));
+    if (target < 0) {
+        const int e = errno;
+        ::close(source);
+        if (e == EEXIST) {
+            SetLastError(ERROR_FILE_EXISTS);
+        } else {
+            setFileError(e, newName);
+        }
+        return FALSE;
+    }
+    // copy_file_range lets the file system share or copy the blocks itself; read and write
+    // are the way where it cannot (another file system, an old kernel).
+    int e = 0;
+    for (;;) {
+        const ssize_t n = ::copy_file_range(source, nullptr, target, nullptr, 1 << 30, 0);
+        if (n > 0) {
+            continue;
+        }
+        if (n == 0) {
+            break;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) {
+            e = errno;
+            break;
+        }
+        char buffer[65536];
+        for (;;) {
+            const ssize_t got = ::read(source, buffer, sizeof buffer);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                e = got < 0 ? errno : 0;
+                break;
+            }
+            for (ssize_t done = 0; done < got && e == 0;) {
+                const ssize_t put = ::write(target, buffer + done, static_cast<size_t>(got - done));
+                if (put < 0 && errno != EINTR) {
+                    e = errno;
+                } else if (put > 0) {
+                    done += put;
+                }
+            }
+            if (e != 0) {
+                break;
+            }
+        }
+        break;
+    }
+    if (e == 0) {
+        ::fchmod(target, info.st_mode & 07777);
+        const struct timespec times[2] = {info.st_atim, info.st_mtim};
+        ::futimens(target, times);
+    }
+    ::close(source);
+    if (::close(target) != 0 && e == 0) {
+        e = errno;
+    }
+    if (e != 0) {
+        ::unlink(newName);
+        setFileError(e);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL CreateDirectoryA(const char* pathName, SECURITY_ATTRIBUTES* /*securityAttributes*/) {
+    if (pathName == nullptr || *pathName == '\0') {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    if (::mkdir(pathName, 0777) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) {
+            SetLastError(ERROR_PATH_NOT_FOUND);
+        } else {
+            SetLastErrorFromErrno(errno);
+        }
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL RemoveDirectoryA(const char* pathName) {
+    if (pathName == nullptr || *pathName == '\0') {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    std::string name(pathName);
+    while (name.size() > 1 && name.back() == '/') {
+        name.pop_back();
+    }
+    struct stat own {};
+    struct stat target {};
+    if (::lstat(name.c_str(), &own) == 0 && S_ISLNK(own.st_mode) &&
+        ::stat(name.c_str(), &target) == 0 && S_ISDIR(target.st_mode)) {
+        if (::unlink(name.c_str()) == 0) {
+            return TRUE;
+        }
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    if (::rmdir(pathName) != 0) {
+        switch (errno) {
+            case ENOTEMPTY:
+            case EEXIST:
+                SetLastError(ERROR_DIR_NOT_EMPTY);
+                break;
+            case ENOTDIR: {
+                struct stat info {};
+                SetLastError(::stat(pathName, &info) == 0 ? ERROR_DIRECTORY : ERROR_PATH_NOT_FOUND);
+                break;
+            }
+            case EBUSY:
+            case EINVAL:
+                SetLastError(ERROR_ACCESS_DENIED);
+                break;
+            default: {
+                std::string path(pathName);
+                while (path.size() > 1 && path.back() == '/') {
+                    path.pop_back();
+                }
+                setFileError(errno, path.c_str());
+            }
+        }
+        return FALSE;
     }
     return TRUE;
 }

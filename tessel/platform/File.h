@@ -60,6 +60,7 @@ inline constexpr DWORD FILE_END = 2;
 
 // Flags of MoveFileExA.
 inline constexpr DWORD MOVEFILE_REPLACE_EXISTING = 0x00000001u;
+inline constexpr DWORD MOVEFILE_DELAY_UNTIL_REBOOT = 0x00000004u;
 inline constexpr DWORD MOVEFILE_WRITE_THROUGH = 0x00000008u;
 
 // Opens or creates the file fileName. desiredAccess: GENERIC_READ and/or GENERIC_WRITE (0
@@ -119,7 +120,32 @@ TESSEL_API BOOL DeleteFileA(const char* fileName);
 // newName is replaced only with MOVEFILE_REPLACE_EXISTING (else ERROR_ALREADY_EXISTS);
 // MOVEFILE_WRITE_THROUGH returns only once the rename is on the device (the folder of
 // newName is synced). Both names must lie on one file system (ERROR_NOT_SAME_DEVICE).
+// MOVEFILE_DELAY_UNTIL_REBOOT with a null newName marks existingName for deletion at the next
+// start of the machine instead (PendingDeletions.h) and touches no file; a rename at reboot
+// (the flag with a newName) is not offered: ERROR_NOT_SUPPORTED.
 TESSEL_API BOOL MoveFileExA(const char* existingName, const char* newName, DWORD flags);
+
+// Copies the file existingName to newName: its bytes, its permission bits and its last write
+// time. failIfExists true: an existing newName is kept and the call fails with
+// ERROR_FILE_EXISTS; false: it is replaced. FALSE on failure with the last error set
+// (ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED also for a folder as either
+// name, ERROR_DISK_FULL, ...); a copy that failed half way is removed again.
+TESSEL_API BOOL CopyFileA(const char* existingName, const char* newName, BOOL failIfExists);
+
+// Creates the folder pathName (one level; permissions 0777 less the umask). securityAttributes:
+// ignored. FALSE with ERROR_ALREADY_EXISTS where a file or folder of that name exists,
+// ERROR_PATH_NOT_FOUND where the folder above is missing, ERROR_ACCESS_DENIED, ...
+TESSEL_API BOOL CreateDirectoryA(const char* pathName, SECURITY_ATTRIBUTES* securityAttributes);
+
+// Removes the empty folder pathName (a trailing separator is allowed); a symbolic link to a
+// folder is removed itself, the folder it points to stays, as the platform removes its folder
+// links. FALSE with
+// ERROR_DIR_NOT_EMPTY (145) where it holds anything, ERROR_DIRECTORY (267) for a file,
+// ERROR_FILE_NOT_FOUND or ERROR_PATH_NOT_FOUND where it does not exist, ERROR_ACCESS_DENIED
+// (also for a mount point or the root), ...
+TESSEL_API BOOL RemoveDirectoryA(const char* pathName);
+
+inline constexpr DWORD ERROR_DIRECTORY = 267;
 
 // Names a temporary file in the folder path: path, a '/' unless path is empty or ends in '/'
 // or '\', the first three characters of prefix (fewer if it is shorter), the number in upper-case

@@ -1,8 +1,10 @@
 #include "tessel/platform/FileFind.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +19,8 @@ struct FileSearch {
     DIR* dir;
     std::string folder;
     std::string pattern;
+    FINDEX_INFO_LEVELS level;
+    bool everything;  // the pattern is "*.*" or "*"
 };
 
 FIND_HANDLE const INVALID_FIND_HANDLE =
@@ -52,29 +56,62 @@ bool matches(const char* pattern, const char* name) {
     return *pattern == '\0';
 }
 
-// Fills data from the entry name of the search's folder.
-void fill(const FileSearch& search, const char* name, WIN32_FIND_DATAA* data) {
+std::int64_t ticksOf(const struct timespec& time) {
+    return kUnixEpochInSystemTicks + static_cast<std::int64_t>(time.tv_sec) * 10000000LL +
+           time.tv_nsec / 100;
+}
+
+// Fills data from the entry of the search's folder.
+void fill(const FileSearch& search, const dirent& entry, WIN32_FIND_DATAA* data) {
+    if (search.level == FindExInfoNamesAndTypes) {
+        // Only the name and the folder bit; the stat is saved where the listing tells the type.
+        data->dwFileAttributes = 0;
+        data->nFileSize = 0;
+        data->ftLastWriteTime = 0;
+        data->ftCreationTime = 0;
+        data->ftLastAccessTime = 0;
+        const std::size_t length = std::min(std::strlen(entry.d_name), MAX_PATH - 1);
+        std::memcpy(data->cFileName, entry.d_name, length);
+        data->cFileName[length] = '\0';
+        bool folder = entry.d_type == DT_DIR;
+        bool link = entry.d_type == DT_LNK;
+        if (entry.d_type == DT_UNKNOWN || link) {
+            struct stat info;
+            folder = ::fstatat(::dirfd(search.dir), entry.d_name, &info, 0) == 0 &&
+                     S_ISDIR(info.st_mode);
+            link = link ||
+                   (::fstatat(::dirfd(search.dir), entry.d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISLNK(info.st_mode));
+        }
+        data->dwFileAttributes = (folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL) |
+                                 (link ? FILE_ATTRIBUTE_REPARSE_POINT : 0);
+        return;
+    }
     std::memset(data, 0, sizeof *data);
-    std::strncpy(data->cFileName, name, MAX_PATH - 1);
+    std::strncpy(data->cFileName, entry.d_name, MAX_PATH - 1);
     struct stat info;
-    const std::string path = search.folder + "/" + name;
-    if (::stat(path.c_str(), &info) == 0) {
+    if (::fstatat(::dirfd(search.dir), entry.d_name, &info, 0) == 0) {
         data->dwFileAttributes =
             S_ISDIR(info.st_mode) ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_NORMAL;
         if ((info.st_mode & 0222) == 0) {
             data->dwFileAttributes |= FILE_ATTRIBUTE_READONLY;
         }
+        struct stat own;
+        if (::fstatat(::dirfd(search.dir), entry.d_name, &own, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISLNK(own.st_mode)) {
+            data->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+        }
         data->nFileSize = static_cast<std::uint64_t>(info.st_size);
-        data->ftLastWriteTime = kUnixEpochInSystemTicks +
-                                static_cast<std::int64_t>(info.st_mtim.tv_sec) * 10000000LL +
-                                info.st_mtim.tv_nsec / 100;
+        data->ftLastWriteTime = ticksOf(info.st_mtim);
+        data->ftCreationTime = ticksOf(info.st_ctim);
+        data->ftLastAccessTime = ticksOf(info.st_atim);
     }
 }
 
 bool next(FileSearch& search, WIN32_FIND_DATAA* data) {
     while (const dirent* entry = ::readdir(search.dir)) {
-        if (MatchesWildcard(search.pattern.c_str(), entry->d_name)) {
-            fill(search, entry->d_name, data);
+        if (search.everything || matches(search.pattern.c_str(), entry->d_name)) {
+            fill(search, *entry, data);
             return true;
         }
     }
@@ -91,7 +128,16 @@ bool MatchesWildcard(const char* pattern, const char* name) {
 }
 
 FIND_HANDLE FindFirstFileA(const char* path, WIN32_FIND_DATAA* data) {
-    if (path == nullptr || data == nullptr) {
+    return FindFirstFileExA(path, FindExInfoStandard, data, FindExSearchNameMatch, nullptr, 0);
+}
+
+FIND_HANDLE FindFirstFileExA(const char* path, FINDEX_INFO_LEVELS infoLevel, void* findData,
+                             FINDEX_SEARCH_OPS searchOp, void* searchFilter, DWORD /*flags*/) {
+    auto* data = static_cast<WIN32_FIND_DATAA*>(findData);
+    if (path == nullptr || data == nullptr || searchFilter != nullptr ||
+        (infoLevel != FindExInfoStandard && infoLevel != FindExInfoBasic &&
+         infoLevel != FindExInfoNamesAndTypes) ||
+        (searchOp != FindExSearchNameMatch && searchOp != FindExSearchLimitToDirectories)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return INVALID_FIND_HANDLE;
     }
@@ -105,8 +151,10 @@ FIND_HANDLE FindFirstFileA(const char* path, WIN32_FIND_DATAA* data) {
     std::string folder = slash == std::string::npos ? std::string(".")
                          : slash == 0               ? std::string(1, '/')
                                                     : text.substr(0, slash);
-    auto* search = new (std::nothrow) FileSearch{
-        nullptr, std::move(folder), slash == std::string::npos ? text : text.substr(slash + 1)};
+    std::string pattern = slash == std::string::npos ? text : text.substr(slash + 1);
+    const bool everything = pattern == "*.*" || pattern == "*";
+    auto* search = new (std::nothrow)
+        FileSearch{nullptr, std::move(folder), std::move(pattern), infoLevel, everything};
     if (search == nullptr) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return INVALID_FIND_HANDLE;

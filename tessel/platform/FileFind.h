@@ -16,12 +16,42 @@ namespace Tessel::Platform {
 
 inline constexpr std::size_t MAX_PATH = 260;
 
+// One entry of a search. The times are 100 ns ticks since 1601-01-01 UTC; ftCreationTime is
+// the time of the last status change (Linux keeps no creation time in struct stat). A
+// symbolic link counts as what it points to (FILE_ATTRIBUTE_DIRECTORY for a folder) and has
+// FILE_ATTRIBUTE_REPARSE_POINT besides, as the platform's links have: a walk through a tree
+// that must not leave it (a recursive delete) does not enter such a folder.
 struct WIN32_FIND_DATAA {
     DWORD dwFileAttributes;
     std::uint64_t nFileSize;
-    std::int64_t ftLastWriteTime;  // 100 ns ticks since 1601
+    std::int64_t ftLastWriteTime;
     char cFileName[MAX_PATH];
+    std::int64_t ftCreationTime;
+    std::int64_t ftLastAccessTime;
 };
+
+// What FindFirstFileExA fills in.
+enum FINDEX_INFO_LEVELS {
+    FindExInfoStandard = 0,  // every field
+    FindExInfoBasic = 1,     // the same here: there are no short names
+    // The name, FILE_ATTRIBUTE_DIRECTORY and FILE_ATTRIBUTE_REPARSE_POINT only; the other
+    // fields are zero. The entry's type
+    // comes from the folder listing, so an entry is looked at (stat) only where the listing
+    // does not tell (a symbolic link, which counts as what it points to, or a file system
+    // without types). For searches that want names: much cheaper on large folders.
+    FindExInfoNamesAndTypes = 0x100,
+};
+
+// How FindFirstFileExA selects; both match names by the pattern (the limit to folders is a
+// hint, as on the platform, and returns files too).
+enum FINDEX_SEARCH_OPS {
+    FindExSearchNameMatch = 0,
+    FindExSearchLimitToDirectories = 1,
+};
+
+// Flags of FindFirstFileExA; accepted and without effect.
+inline constexpr DWORD FIND_FIRST_EX_CASE_SENSITIVE = 0x1;
+inline constexpr DWORD FIND_FIRST_EX_LARGE_FETCH = 0x2;
 
 struct FileSearch;
 using FIND_HANDLE = FileSearch*;
@@ -33,6 +63,13 @@ TESSEL_API extern FIND_HANDLE const INVALID_FIND_HANDLE;
 // Starts a search of "<folder>/<pattern>" ('\' or '/' separate) and fills data with the first
 // entry that matches, "." and ".." included as the platform lists them.
 TESSEL_API FIND_HANDLE FindFirstFileA(const char* path, WIN32_FIND_DATAA* data);
+// FindFirstFileA with a choice of what is filled in: infoLevel one of FINDEX_INFO_LEVELS,
+// findData a WIN32_FIND_DATAA, searchOp one of FINDEX_SEARCH_OPS, searchFilter null, flags
+// ignored. FindNextFileA goes on with the same level. ERROR_INVALID_PARAMETER for an unknown
+// level or search operation, a non-null filter, or a null path or findData.
+TESSEL_API FIND_HANDLE FindFirstFileExA(const char* path, FINDEX_INFO_LEVELS infoLevel,
+                                        void* findData, FINDEX_SEARCH_OPS searchOp,
+                                        void* searchFilter, DWORD flags);
 // The next entry; FALSE with ERROR_NO_MORE_FILES (18) at the end.
 TESSEL_API BOOL FindNextFileA(FIND_HANDLE search, WIN32_FIND_DATAA* data);
 TESSEL_API BOOL FindClose(FIND_HANDLE search);

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/detail/Modules.h"
 
 namespace Tessel::Platform {
 
@@ -94,19 +95,7 @@ std::string GetModulePath() {
 }
 
 DWORD GetModuleFileNameA(char* buffer, DWORD size) {
-    if (buffer == nullptr || size == 0) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return 0;
-    }
-    const std::string path = GetModulePath();
-    if (path.size() >= size) {
-        std::memcpy(buffer, path.data(), size - 1);
-        buffer[size - 1] = '\0';
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return size;
-    }
-    std::memcpy(buffer, path.c_str(), path.size() + 1);
-    return static_cast<DWORD>(path.size());
+    return CopyModulePath(GetModulePath(), buffer, size);
 }
 
 }  // namespace Tessel::Platform

@@ -101,6 +101,7 @@ inline constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x00000010u;
 inline constexpr DWORD FILE_ATTRIBUTE_ARCHIVE = 0x00000020u;
 inline constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x00000080u;
 inline constexpr DWORD FILE_ATTRIBUTE_TEMPORARY = 0x00000100u;
+inline constexpr DWORD FILE_ATTRIBUTE_REPARSE_POINT = 0x00000400u;  // a symbolic link
 
 // Error numbers, as GetLastError reports them.
 inline constexpr DWORD ERROR_SUCCESS = 0;

@@ -28,6 +28,7 @@
 #include "tessel/monitoring/TelnetServer.h"
 #include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/Handle.h"
+#include "tessel/platform/PendingDeletions.h"
 #include "tessel/supervision/ExceptionHandlerVelkor.h"
 #include "tessel/supervision/MiniDumpHelper.h"
 #include "tessel/supervision/WatchdogClient.h"
@@ -199,6 +200,13 @@ int main(int argc, char** argv) {
     VelkorLog::startConfigurationWatcher();
     MonitorElementDatabase::init(name);
     ILogging::getInstance().log("tessel-host", ILogging::Info, "Started.");
+    // Files marked for deletion at the next start of the machine go now, after a reboot.
+    const int deleted = Tessel::Platform::ProcessPendingDeletions();
+    if (deleted > 0) {
+        ILogging::getInstance().log(
+            "tessel-host", ILogging::Info,
+            "Deleted " + std::to_string(deleted) + " files marked for deletion at reboot.");
+    }
     std::cout << "Log files in " << dynamic_cast<VelkorLog&>(ILogging::getInstance()).getLogFolder()
               << ", configured by "
               << dynamic_cast<VelkorLog&>(ILogging::getInstance()).getConfigurationPath()
