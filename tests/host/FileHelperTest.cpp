@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "tessel/host/DiskSpaceUtil.h"
 #include "tessel/host/Registry.h"
 #include "tessel/host/TempDirectory.h"
 #include "tessel/platform/Clock.h"
@@ -472,7 +473,7 @@ TEST(NetworkDrives, UniversalNamesFromTheMountTableAndLocalPathsUnchanged) {
     EXPECT_EQ(error, "Path name is not vaild.");
 }
 
-TEST(CheckFreeDiskSpace, ARelativePathCannotBeWritten) {
+TEST(CheckFreeDiskSpace, AFolderThatCannotBeWrittenAndACriticalDiskWithTheirTexts) {
     std::string message;
     bool changed = false;
     bool stop = false;
@@ -483,7 +484,26 @@ TEST(CheckFreeDiskSpace, ARelativePathCannotBeWritten) {
     EXPECT_EQ(message, "Cannot write to drive or folder 'relative\\folder'.");
     EXPECT_TRUE(changed);
     EXPECT_TRUE(stop);
-    EXPECT_TRUE(CFileHelper::CheckFreeDiskSpace(scratch("space").c_str()));
+    const std::string folder = scratch("space");
+    EXPECT_FALSE(
+        CFileHelper::CheckFreeDiskSpace(folder + "/missing", message, changed, stop, &state));
+    EXPECT_EQ(message, "Cannot write to drive or folder '" + folder + "/missing'.");
+    EXPECT_TRUE(CFileHelper::CheckFreeDiskSpace(folder.c_str()));
+
+    // Critical, by a minimum above all the disk has: the space in units of 1,024,000 bytes.
+    std::string disk;
+    unsigned long long total = 0;
+    unsigned long long available = 0;
+    CDiskSpaceUtil::CheckDiskSpaceState(folder, &disk, &total, &available, nullptr);
+    CDiskSpaceUtil::SetGeneralDefaultLowLimit(total + 1);
+    EXPECT_FALSE(CFileHelper::CheckFreeDiskSpace(folder, message, changed, stop, &state));
+    EXPECT_EQ(state, CDiskSpace::StateCritical);
+    EXPECT_TRUE(changed);
+    EXPECT_FALSE(stop);
+    EXPECT_THAT(message, testing::MatchesRegex("Drive: " + disk +
+                                               ", Total : " + std::to_string(total / 1024000) +
+                                               "MB, Free : [0-9]+MB\\. Product creation "
+                                               "stopped for this drive\\."));
 }
 
 TEST(FileVersion, TheVersionSectionOfAnElfFile) {
