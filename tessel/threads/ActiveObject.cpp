@@ -27,7 +27,6 @@ namespace {
 // How long a thread that was ended by force is given to reach a cancellation point.
 constexpr int kCancellationGraceMs = 100;
 // How long StartThread waits for a new thread to tell its id.
-constexpr int kThreadIdWaitMs = 5000;
 
 // The process-wide table of thread records, by thread id. Nothing in the library reads it;
 // it keeps the records of threads that ended.
@@ -121,10 +120,9 @@ int CActiveObject::StartThread(const char* file, int line, const char* function,
 }
 
 void CActiveObject::InitWorkerThread() {
-    // The new thread tells its id before it waits for the start.
-    for (int waited = 0; m_ulWorkerThreadId.load() == 0 && waited < kThreadIdWaitMs; ++waited) {
-        boost::this_thread::sleep_for(boost::chrono::milliseconds(1));
-    }
+    // The new thread tells its id before it waits for the start; the thread exists, so the
+    // id comes.
+    m_ulWorkerThreadId.wait(0);
     const std::uint32_t id = m_ulWorkerThreadId.load();
 
     m_pStateElement = m_pPriorityElement = m_pClassElement = &m_placeholder;
@@ -163,16 +161,19 @@ void CActiveObject::InitWorkerThread() {
 void CActiveObject::WorkerThread() {
     EnsureAlternateSignalStack();
     m_ulWorkerThreadId.store(GetCurrentThreadId());
+    m_ulWorkerThreadId.notify_all();
     WaitForStart();
+    // The record belongs to the process's thread table, not to this object, which the thread
+    // function may delete before it returns: the pointer is read before the call.
+    CActiveObjectThreadRecord* const record = m_pCurrentThreadRecord;
     const unsigned long exitCode = m_pThreadFunction(m_pThreadParameter);
-    m_pCurrentThreadRecord->m_ulExitCode.store(static_cast<std::uint32_t>(exitCode),
-                                               std::memory_order_release);
+    record->m_ulExitCode.store(static_cast<std::uint32_t>(exitCode), std::memory_order_release);
 }
 
 void CActiveObject::WaitForStart() {
-    while (m_lThreadState.load() == THREAD_STOPPED) {
-        boost::this_thread::sleep_for(boost::chrono::milliseconds(10));
-    }
+    // Held back while the state is stopped: SetStateStarted wakes the thread once
+    // InitWorkerThread has set everything up.
+    m_lThreadState.wait(THREAD_STOPPED);
 }
 
 void CActiveObject::RecordState(std::uint32_t state) {
@@ -185,6 +186,7 @@ int CActiveObject::SetStateStarted() {
     if (!m_lThreadState.compare_exchange_strong(expected, THREAD_STARTED)) {
         return 0;
     }
+    m_lThreadState.notify_all();
     RecordState(THREAD_STARTED);
     return 1;
 }
