@@ -7,6 +7,8 @@
 #include <string_view>
 
 #include "tessel/platform/LastError.h"
+#include "tessel/platform/ServiceControl.h"
+#include "tessel/platform/Token.h"
 
 namespace Tessel::Platform {
 namespace {
@@ -67,11 +69,32 @@ constexpr ErrorText kTexts[] = {
     {ERROR_CANTWRITE, "The configuration registry key could not be written.\r\n"},
     {ERROR_KEY_DELETED,
      "Illegal operation attempted on a registry key that has been marked for deletion.\r\n"},
+    {ERROR_INVALID_SERVICE_CONTROL, "The requested control is not valid for this service.\r\n"},
+    {ERROR_SERVICE_REQUEST_TIMEOUT,
+     "The service did not respond to the start or control request in a timely fashion.\r\n"},
+    {ERROR_SERVICE_NO_THREAD, "A thread could not be created for the service.\r\n"},
+    {ERROR_SERVICE_DATABASE_LOCKED, "The service database is locked.\r\n"},
+    {ERROR_SERVICE_ALREADY_RUNNING, "An instance of the service is already running.\r\n"},
+    {ERROR_SERVICE_DISABLED,
+     "The service cannot be started, either because it is disabled or because it has no "
+     "enabled devices associated with it.\r\n"},
+    {ERROR_CIRCULAR_DEPENDENCY, "Circular service dependency was specified.\r\n"},
     {ERROR_SERVICE_DOES_NOT_EXIST,
      "The specified service does not exist as an installed service.\r\n"},
+    {ERROR_SERVICE_NOT_ACTIVE, "The service has not been started.\r\n"},
+    {ERROR_DATABASE_DOES_NOT_EXIST, "The database specified does not exist.\r\n"},
+    {ERROR_PROCESS_ABORTED, "The process terminated unexpectedly.\r\n"},
+    {ERROR_SERVICE_DEPENDENCY_FAIL, "The dependency service or group failed to start.\r\n"},
+    {ERROR_SERVICE_LOGON_FAILED, "The service did not start due to a logon failure.\r\n"},
+    {ERROR_SERVICE_MARKED_FOR_DELETE, "The specified service has been marked for deletion.\r\n"},
+    {ERROR_SERVICE_EXISTS, "The specified service already exists.\r\n"},
+    {ERROR_SERVICE_DEPENDENCY_DELETED,
+     "The dependency service does not exist or has been marked for deletion.\r\n"},
     {ERROR_USER_MAPPED_FILE,
      "The requested operation cannot be performed on a file with a user-mapped section "
      "open.\r\n"},
+    {ERROR_NOT_ALL_ASSIGNED,
+     "Not all privileges or groups referenced are assigned to the caller.\r\n"},
     {ERROR_TIMEOUT, "This operation returned because the timeout period expired.\r\n"},
     {ERROR_UNSUPPORTED_TYPE, "Data of this type is not supported.\r\n"},
 };

@@ -4,6 +4,11 @@
 // and stays readable after it has been reaped. The reaper is a detached thread per process
 // that blocks in waitpid: it needs no SIGCHLD handler, which the host process may have set to
 // its own use, and it ends with the process it waits for.
+//
+// Termination signals the process through its pidfd, which cannot name another process that
+// got the number after this one was reaped. A process group is signalled by its number: the
+// kernel does not hand out a group's number while a process of the group lives, so the group
+// kill can only miss its target once the group is empty, when there is nothing left to kill.
 #include "tessel/platform/ProcessStart.h"
 
 #include <poll.h>
@@ -14,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -31,11 +37,28 @@ extern char** environ;
 namespace Tessel::Platform {
 namespace {
 
+// The shell that runs batch files.
+const char* const kShell = "/bin/sh";
+
 // A started process; signalled once it has ended.
 class ProcessObject final : public Waitable {
   public:
-    explicit ProcessObject(int pidfd) : Waitable(Kind::Other), m_fd(pidfd) {}
+    ProcessObject(int pidfd, pid_t pid, bool ownGroup)
+        : Waitable(Kind::Other), m_fd(pidfd), m_pid(pid), m_ownGroup(ownGroup) {}
     ~ProcessObject() override { ::close(m_fd); }
+
+    // SIGKILL to the process group, if the process leads one, and to the process.
+    BOOL terminate() const {
+        if (m_ownGroup && ::kill(-m_pid, SIGKILL) < 0 && errno != ESRCH) {
+            SetLastErrorFromErrno(errno);
+            return FALSE;
+        }
+        if (::syscall(SYS_pidfd_send_signal, m_fd, SIGKILL, nullptr, 0) < 0 && errno != ESRCH) {
+            SetLastErrorFromErrno(errno);
+            return FALSE;
+        }
+        return TRUE;
+    }
 
     Acquire tryAcquire(WaitRecord* /*record*/) override {
         return ended() ? Acquire::Taken : Acquire::None;
@@ -55,26 +78,24 @@ class ProcessObject final : public Waitable {
     }
 
     const int m_fd;
+    const pid_t m_pid;
+    const bool m_ownGroup;
 };
 
-// The words of text, split at spaces and tabs.
-std::vector<std::string> splitAtBlanks(const char* text) {
-    std::vector<std::string> words;
-    std::string word;
-    for (const char* c = text; *c != '\0'; ++c) {
-        if (*c == ' ' || *c == '\t') {
-            if (!word.empty()) {
-                words.push_back(std::move(word));
-                word.clear();
-            }
-        } else {
-            word += *c;
-        }
+bool isBlank(char c) {
+    return c == ' ' || c == '\t';
+}
+
+// Whether name ends in ".bat" or ".cmd", in any case.
+bool isBatchFile(const std::string& name) {
+    if (name.size() < 4) {
+        return false;
     }
-    if (!word.empty()) {
-        words.push_back(std::move(word));
+    std::string extension = name.substr(name.size() - 4);
+    for (char& c : extension) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     }
-    return words;
+    return extension == ".bat" || extension == ".cmd";
 }
 
 // Null-terminated pointers to the texts.
@@ -105,7 +126,7 @@ void reapLater(pid_t pid) {
 
 // Starts the program with the prepared arguments. 0 or an errno value.
 int spawn(pid_t& pid, const char* applicationName, std::vector<char*>& arguments,
-          char* const* environment, const char* currentDirectory) {
+          char* const* environment, const char* currentDirectory, bool newGroup) {
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
     int error = ::posix_spawn_file_actions_init(&actions);
@@ -130,9 +151,13 @@ int spawn(pid_t& pid, const char* applicationName, std::vector<char*>& arguments
     if (error == 0) {
         error = ::posix_spawnattr_setsigdefault(&attributes, &all);
     }
+    if (error == 0 && newGroup) {
+        error = ::posix_spawnattr_setpgroup(&attributes, 0);
+    }
     if (error == 0) {
-        error =
-            ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        error = ::posix_spawnattr_setflags(
+            &attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
+                                            (newGroup ? POSIX_SPAWN_SETPGROUP : 0)));
     }
     if (error == 0) {
         error = applicationName != nullptr
@@ -148,10 +173,78 @@ int spawn(pid_t& pid, const char* applicationName, std::vector<char*>& arguments
 
 }  // namespace
 
+std::vector<std::string> SplitCommandLine(const char* commandLine) {
+    std::vector<std::string> words;
+    if (commandLine == nullptr) {
+        return words;
+    }
+    const char* c = commandLine;
+    while (isBlank(*c)) {
+        ++c;
+    }
+    if (*c == '\0') {
+        return words;
+    }
+    // The program: quotes group, backslashes are plain characters.
+    std::string word;
+    bool quoted = false;
+    for (; *c != '\0' && (quoted || !isBlank(*c)); ++c) {
+        if (*c == '"') {
+            quoted = !quoted;
+        } else {
+            word += *c;
+        }
+    }
+    words.push_back(std::move(word));
+
+    for (;;) {
+        while (isBlank(*c)) {
+            ++c;
+        }
+        if (*c == '\0') {
+            return words;
+        }
+        word.clear();
+        quoted = false;
+        while (*c != '\0' && (quoted || !isBlank(*c))) {
+            if (*c == '\\') {
+                std::size_t count = 0;
+                while (c[count] == '\\') {
+                    ++count;
+                }
+                if (c[count] != '"') {
+                    word.append(count, '\\');  // not before a quote: literal
+                    c += count;
+                    continue;
+                }
+                word.append(count / 2, '\\');
+                c += count;
+                if (count % 2 == 1) {
+                    word += '"';  // an escaped quote
+                    ++c;
+                }
+                continue;  // after an even count, the quote groups
+            }
+            if (*c == '"') {
+                if (quoted && c[1] == '"') {
+                    word += '"';  // "" inside quotes, and the quotation goes on
+                    c += 2;
+                } else {
+                    quoted = !quoted;
+                    ++c;
+                }
+                continue;
+            }
+            word += *c++;
+        }
+        words.push_back(std::move(word));
+    }
+}
+
 BOOL CreateProcessA(const char* applicationName, char* commandLine,
                     SECURITY_ATTRIBUTES* /*processAttributes*/,
                     SECURITY_ATTRIBUTES* /*threadAttributes*/, BOOL /*inheritHandles*/,
-                    DWORD /*creationFlags*/, void* environment, const char* currentDirectory,
+                    DWORD creationFlags, void* environment, const char* currentDirectory,
                     STARTUPINFOA* /*startupInfo*/, PROCESS_INFORMATION* information) {
     if (information == nullptr || (commandLine == nullptr && applicationName == nullptr)) {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -161,10 +254,17 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine,
     int error = 0;
     try {
         std::vector<std::string> words =
-            splitAtBlanks(commandLine != nullptr ? commandLine : applicationName);
+            SplitCommandLine(commandLine != nullptr ? commandLine : applicationName);
         if (words.empty()) {
             SetLastError(ERROR_INVALID_PARAMETER);
             return FALSE;
+        }
+        // A batch file is the script of a shell.
+        std::string batchFile = applicationName != nullptr ? applicationName : words[0];
+        if (isBatchFile(batchFile)) {
+            words[0] = std::move(batchFile);
+            words.insert(words.begin(), kShell);
+            applicationName = kShell;
         }
         std::vector<char*> arguments = pointersTo(words);
         std::vector<std::string> variables;
@@ -177,7 +277,8 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine,
             variablePointers = pointersTo(variables);
         }
         error = spawn(pid, applicationName, arguments,
-                      environment != nullptr ? variablePointers.data() : environ, currentDirectory);
+                      environment != nullptr ? variablePointers.data() : environ, currentDirectory,
+                      (creationFlags & CREATE_NEW_PROCESS_GROUP) != 0);
     } catch (const std::bad_alloc&) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return FALSE;
@@ -193,7 +294,8 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine,
     const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
     reapLater(pid);
     if (pidfd >= 0) {
-        auto* object = new (std::nothrow) ProcessObject(pidfd);
+        auto* object = new (std::nothrow)
+            ProcessObject(pidfd, pid, (creationFlags & CREATE_NEW_PROCESS_GROUP) != 0);
         if (object != nullptr) {
             process = MakeHandle(object);
         } else {
@@ -206,6 +308,15 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine,
     information->dwThreadId = static_cast<DWORD>(pid);
     SetLastError(ERROR_SUCCESS);
     return TRUE;
+}
+
+BOOL TerminateProcess(HANDLE process, UINT /*exitCode*/) {
+    const auto* object = dynamic_cast<ProcessObject*>(ObjectOf(process));
+    if (object == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    return object->terminate();
 }
 
 }  // namespace Tessel::Platform

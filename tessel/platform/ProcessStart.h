@@ -1,10 +1,19 @@
-// Starting another program, as CreateProcessA does.
+// Starting another program, as CreateProcessA does, and ending it, as TerminateProcess does.
 //
-// The command line is split at blanks (spaces and tabs) into the program and its arguments;
-// quotes have no meaning here. The program is looked for on PATH unless an application name
-// gives its path. The new process gets descriptors 0 to 2 of the caller and no others, an
-// empty signal mask, and the default action for every signal; the other inheritance, the
-// creation flags and the start-up information are accepted and change nothing.
+// The command line is split into the program and its arguments by the rules of the C runtime
+// of the platform the library was designed for. Blanks (spaces and tabs) separate arguments
+// outside double quotes; double quotes group and are removed. 2n backslashes followed by a
+// double quote give n backslashes and the quote groups; 2n+1 backslashes followed by a double
+// quote give n backslashes and a literal quote; two double quotes inside a quotation give one
+// literal quote; every other backslash is literal. The program word itself follows the
+// runtime's simpler rule for it: quotes group and are removed, backslashes are always
+// literal. A program whose name ends in ".bat" or ".cmd" (any case) is a batch file: it runs
+// as "/bin/sh <program> <arguments>". Otherwise the program is looked for on PATH unless an
+// application name gives its path. The new process gets descriptors 0 to 2 of the caller and
+// no others, an empty signal mask, and the default action for every signal. Of the creation
+// flags only CREATE_NEW_PROCESS_GROUP counts: the process then leads a process group of its
+// own, which its children join. The other inheritance and the start-up information are
+// accepted and change nothing.
 //
 // The process handle is signalled when the process has ended; it is a waitable object like
 // any other, closed with CloseHandle; it is null on a kernel without pidfds (before 5.3), where
@@ -16,11 +25,20 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "tessel/Export.h"
 #include "tessel/platform/Types.h"
 
 namespace Tessel::Platform {
+
+// Creation flag: the new process leads a process group of its own (see TerminateProcess).
+inline constexpr DWORD CREATE_NEW_PROCESS_GROUP = 0x00000200u;
+
+// Start-up flag and show state of the platform's start-up information; accepted and unused.
+inline constexpr DWORD STARTF_USESHOWWINDOW = 0x00000001u;
+inline constexpr std::uint16_t SW_SHOW = 5;
 
 // The start-up information of the platform, in its layout of 0x68 bytes; accepted and unused.
 struct STARTUPINFOA {
@@ -53,6 +71,10 @@ struct PROCESS_INFORMATION {
     DWORD dwThreadId;
 };
 
+// The words of commandLine, split by the quoting rules of the file comment; the first is the
+// program. An empty or blank text gives none.
+TESSEL_API std::vector<std::string> SplitCommandLine(const char* commandLine);
+
 // Starts commandLine (see the file comment). applicationName, when not null, is the path of
 // the program, which is then not looked for on PATH; the command line still gives all the
 // arguments, its first word included. environment, when not null, is the new environment as
@@ -66,5 +88,14 @@ TESSEL_API BOOL CreateProcessA(const char* applicationName, char* commandLine,
                                SECURITY_ATTRIBUTES* threadAttributes, BOOL inheritHandles,
                                DWORD creationFlags, void* environment, const char* currentDirectory,
                                STARTUPINFOA* startupInfo, PROCESS_INFORMATION* information);
+
+// Ends the process of process at once (SIGKILL). A process started with
+// CREATE_NEW_PROCESS_GROUP takes its whole process group with it: every process of the group,
+// its background children included, even when the process itself has ended already, so that
+// nothing it started outlives it. exitCode is accepted and unused: a killed process has no
+// exit code on Linux. TRUE when the signal was sent, or when the process and its group have
+// ended already; FALSE with ERROR_INVALID_HANDLE for a handle that is not a process's,
+// ERROR_ACCESS_DENIED where the signal is refused.
+TESSEL_API BOOL TerminateProcess(HANDLE process, UINT exitCode);
 
 }  // namespace Tessel::Platform

@@ -19,7 +19,8 @@
 namespace Tessel::Platform {
 namespace {
 
-// The library's own texts, used by the command executor and the file and disk helpers.
+// The library's own texts, used by the command executor, the file and disk helpers and the
+// configuration check (6011 its title, 6012 its button).
 // Number 6004 is not assigned.
 constexpr std::pair<unsigned int, const char*> kLibraryStrings[] = {
     {6000, "Could not execute command, syntax error near character %d"},
@@ -34,6 +35,8 @@ constexpr std::pair<unsigned int, const char*> kLibraryStrings[] = {
     {6008, "Drive: %s, Total : %I64dMB, Free : %I64dMB."},
     {6009, "Product creation stopped for this drive."},
     {6010, "Cannot write to drive or folder '%s'."},
+    {6011, "GNSS Velkor configuration not complete"},
+    {6012, "Start Velkor Configuration Tool"},
 };
 
 struct StringTable {
@@ -56,7 +59,9 @@ StringTable& table() {
 // The key of a resource name or type: "#n" for a number n, else the text in upper case.
 std::string resourceKey(const char* name) {
     if (IS_INTRESOURCE(name)) {
-        return "#" + std::to_string(reinterpret_cast<std::uintptr_t>(name));
+        std::string key = "#";
+        key += std::to_string(reinterpret_cast<std::uintptr_t>(name));
+        return key;
     }
     std::string key(name);
     for (char& c : key) {

@@ -6,7 +6,7 @@
 //
 // A program on the platform carries its texts as resources of its modules; here a module
 // registers its texts at start, and LoadStringA finds them by module and number. The
-// library's own texts (numbers 6000 to 6010) are registered under LibraryModule() before
+// library's own texts (numbers 6000 to 6012) are registered under LibraryModule() before
 // the first lookup.
 //
 // Data resources are files embedded in a module when it is built: TESSEL_RESOURCE (below)
