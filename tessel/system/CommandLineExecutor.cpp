@@ -1,7 +1,6 @@
-// The watcher thread destroys its own CmdLineData, and with it the CActiveObject it runs on,
-// whose thread object must not be destroyed by the thread it runs: the object is retired
-// instead, and freed by a later command's watcher (or Execute) once its thread has stored its
-// exit code, after which the thread no longer touches it.
+// The watcher thread destroys its own CmdLineData, and with it the CActiveObject it runs on:
+// its stop does not wait for the thread itself, and the thread object is detached when it goes,
+// so the thread returns on its own afterwards without touching either.
 #include "tessel/system/CommandLineExecutor.h"
 
 #include <algorithm>
@@ -40,47 +39,12 @@ constexpr unsigned long kMaximumTimeoutMs = 7200000;
 constexpr DWORD kAbortWaitMs = 8000;
 // The longest piece of a split product path: its buffer holds 256 characters.
 constexpr std::size_t kPieceLimit = 255;
-// Granted to a retired watcher's thread, which has nothing left to do but return.
+// The stop time of a watcher's active object: a watcher's own stop never waits, so it is
+// only granted to a thread that another thread stops.
 constexpr unsigned int kWorkerStopTimeoutMs = 5000;
-constexpr unsigned long kThreadRunning = 0xAAAAAAAAul;
 
 std::string resourceText(unsigned int id) {
     return Tessel::LoadStringA(LibraryModule(), id);
-}
-
-// Watcher objects whose thread destroyed its data; see the file comment.
-struct RetiredWorkers {
-    CCriticalSectionSyncGuard guard;
-    std::vector<std::unique_ptr<CActiveObject>> objects;
-};
-
-// Never destroyed: watchers may still end while the process exits.
-RetiredWorkers& retiredWorkers() {
-    static RetiredWorkers* const retired = new RetiredWorkers;
-    return *retired;
-}
-
-// Frees the retired objects whose threads are done with them, then retires worker, if any.
-void retire(std::unique_ptr<CActiveObject> worker) {
-    std::vector<std::unique_ptr<CActiveObject>> done;
-    RetiredWorkers& retired = retiredWorkers();
-    {
-        CReadWriteLock lock(retired.guard, false, true);
-        auto& objects = retired.objects;
-        for (auto it = objects.begin(); it != objects.end();) {
-            if ((*it)->GetThreadExitCode() != kThreadRunning) {
-                done.push_back(std::move(*it));
-                it = objects.erase(it);
-            } else {
-                ++it;
-            }
-        }
-        if (worker) {
-            objects.push_back(std::move(worker));
-        }
-    }
-    // Each joins a thread that is returning; outside the guard.
-    done.clear();
 }
 
 bool containsBatchFile(const std::string& command) {
@@ -147,9 +111,6 @@ CmdLineData::~CmdLineData() {
     }
     if (m_pNotifyParam != nullptr) {
         m_pNotifyParam->Release();
-    }
-    if (m_pWorkerThread && m_pWorkerThread->GetWorkerThreadId() == GetCurrentThreadId()) {
-        retire(std::move(m_pWorkerThread));
     }
 }
 
@@ -303,7 +264,6 @@ int CCommandLineExecutor::CreateCommand(CmdLineData* data) {
 
 int CCommandLineExecutor::Execute(std::string const& command, unsigned long timeoutMs,
                                   ICommandLineExecutorNotifyParam* param) {
-    retire(nullptr);  // frees the watcher objects that are done
     CmdLineData* data = nullptr;
     try {
         data = new CmdLineData(timeoutMs, m_pNotify, param, command);

@@ -170,6 +170,7 @@ TEST_F(CommandLineExecutorTest, BatchTextRunsWithTheShellAndItsFileIsDeleted) {
     CCommandLineExecutor executor("", &recorder);
     ASSERT_NE(executor.ExecuteAsBat("echo ran >\"" + dir + "bat.out\"\n", 60000, &param), 0);
     const Report report = recorder.wait();
+    EXPECT_TRUE(eventually([&] { return param.releases.load() == 1; }));
     EXPECT_EQ(report.status, CmdStatusFinished);
     EXPECT_EQ(report.command, "\"" + dir + "CmdLineWrapper.bat\"");
     EXPECT_EQ(contents(dir + "bat.out"), "ran\n");
@@ -201,7 +202,7 @@ TEST_F(CommandLineExecutorTest, AbortFromAnotherThreadKillsTheGroupAndReports) {
     EXPECT_EQ(report.status, CmdStatusAborted);
     EXPECT_EQ(report.message, "Terminated process on system shutdown.");
     EXPECT_EQ(report.exitCode, 0);
-    EXPECT_EQ(param.releases.load(), 1);
+    EXPECT_TRUE(eventually([&] { return param.releases.load() == 1; }));
     expectGroupGone(dir + "pid");
     CCommandLineExecutor::AbortPendingProcess();  // nothing pending
     const std::string text = trace.joined();
