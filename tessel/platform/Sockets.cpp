@@ -3,7 +3,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include <boost/asio/socket_base.hpp>
+
+#include "tessel/platform/LastError.h"
 
 namespace Tessel::Platform {
 
@@ -13,6 +18,26 @@ std::string GetHostName() {
         return std::string();
     }
     return name;
+}
+
+BOOL GetComputerNameA(char* buffer, DWORD* size) {
+    if (buffer == nullptr || size == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    const std::string name = GetHostName();
+    if (name.empty()) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    if (name.size() + 1 > *size) {
+        *size = static_cast<DWORD>(name.size() + 1);
+        SetLastError(ERROR_BUFFER_OVERFLOW);
+        return FALSE;
+    }
+    std::memcpy(buffer, name.c_str(), name.size() + 1);
+    *size = static_cast<DWORD>(name.size());
+    return TRUE;
 }
 
 void SetSharedPort(boost::asio::ip::tcp::acceptor& acceptor, bool shared,
