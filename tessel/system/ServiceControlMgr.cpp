@@ -173,6 +173,16 @@ DWORD StopWork(void* context) {
     return 0;
 }
 
+// Tells notify, where there is one, how the operation on name ended: succeeded for a result
+// of 0, else failed.
+void tell(IServiceControlMgrNotify* notify, const char* name, int result,
+          void (IServiceControlMgrNotify::*succeeded)(const char*),
+          void (IServiceControlMgrNotify::*failed)(const char*)) {
+    if (notify != nullptr) {
+        (notify->*(result == 0 ? succeeded : failed))(name);
+    }
+}
+
 }  // namespace
 
 CServiceControlMgr::Clock& CServiceControlMgr::clock() {
@@ -268,13 +278,8 @@ int CServiceControlMgr::Start(std::string const& name, IServiceControlMgrNotify*
         }
     }
     CloseHandles(service, manager);
-    if (notify != nullptr) {
-        if (result == 0) {
-            notify->OnStartSucceeded(name.c_str());
-        } else {
-            notify->OnStartFailed(name.c_str());
-        }
-    }
+    tell(notify, name.c_str(), result, &IServiceControlMgrNotify::OnStartSucceeded,
+         &IServiceControlMgrNotify::OnStartFailed);
     return result;
 }
 
@@ -346,13 +351,8 @@ int CServiceControlMgr::Stop(std::string const& name, IServiceControlMgrNotify* 
         }
     }
     CloseHandles(service, manager);
-    if (notify != nullptr) {
-        if (result == 0) {
-            notify->OnStopSucceeded(name.c_str());
-        } else {
-            notify->OnStopFailed(name.c_str());
-        }
-    }
+    tell(notify, name.c_str(), result, &IServiceControlMgrNotify::OnStopSucceeded,
+         &IServiceControlMgrNotify::OnStopFailed);
     return result;
 }
 
@@ -447,24 +447,18 @@ int CServiceControlMgr::ForEachService(Operation operation) {
     return result;
 }
 
-int CServiceControlMgr::ForEachServiceNotified(
-    Operation operation, void (IServiceControlMgrNotify::*succeeded)(const char*),
-    void (IServiceControlMgrNotify::*failed)(const char*)) {
-    const int result = ForEachService(operation);
-    if (m_notify != nullptr) {
-        (m_notify->*(result != 0 ? failed : succeeded))(m_serviceName);
-    }
+int CServiceControlMgr::StartAll() {
+    const int result = ForEachService(Operation::Start);
+    tell(m_notify, m_serviceName, result, &IServiceControlMgrNotify::OnStartAllSucceeded,
+         &IServiceControlMgrNotify::OnStartAllFailed);
     return result;
 }
 
-int CServiceControlMgr::StartAll() {
-    return ForEachServiceNotified(Operation::Start, &IServiceControlMgrNotify::OnStartAllSucceeded,
-                                  &IServiceControlMgrNotify::OnStartAllFailed);
-}
-
 int CServiceControlMgr::StopAll() {
-    return ForEachServiceNotified(Operation::Stop, &IServiceControlMgrNotify::OnStopAllSucceeded,
-                                  &IServiceControlMgrNotify::OnStopAllFailed);
+    const int result = ForEachService(Operation::Stop);
+    tell(m_notify, m_serviceName, result, &IServiceControlMgrNotify::OnStopAllSucceeded,
+         &IServiceControlMgrNotify::OnStopAllFailed);
+    return result;
 }
 
 int CServiceControlMgr::RemoveAll() {

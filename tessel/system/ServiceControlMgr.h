@@ -140,10 +140,6 @@ class TESSEL_API CServiceControlMgr {
   private:
     enum class Operation { Start, Stop, Remove };
     int ForEachService(Operation operation);
-    // ForEachService, then succeeded or failed of the notify (where there is one) by its result.
-    int ForEachServiceNotified(Operation operation,
-                               void (IServiceControlMgrNotify::*succeeded)(const char*),
-                               void (IServiceControlMgrNotify::*failed)(const char*));
 
     char* m_serviceName;
     std::vector<std::string> m_dependentServices;
