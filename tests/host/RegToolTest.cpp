@@ -308,7 +308,7 @@ TEST(RegTool, AddExportAndImportKeepEveryValue) {
         {{"/v", "Sep", "/t", "REG_MULTI_SZ", "/s", "#", "/d", "a#b"},
          is(REG_MULTI_SZ, "a\0b\0\0"s)},
         {{"/v", "NoList", "/t", "REG_MULTI_SZ", "/d", "\\0"}, is(REG_MULTI_SZ, "\0\0"s)},
-        {{"/v", "None", "/t", "REG_NONE", "/d", "x"}, is(REG_NONE, "x\0"s)},
+        {{"/v", "None", "/t", "REG_NONE", "/d", "x"}, is(REG_NONE, "x\0\0\0"s)},
     };
     // Values that the quoted form cannot hold exactly, set past the tool.
     const std::pair<std::string, Stored> irregular[] = {
@@ -330,7 +330,7 @@ TEST(RegTool, AddExportAndImportKeepEveryValue) {
     ASSERT_EQ(reg({"add", kTool + "\\Sub\\Deeper", "/v", "x", "/d", "1"}).status, 0);
     ASSERT_EQ(reg({"add", kTool + "\\Sub\\Empty"}).status, 0);
 
-    EXPECT_EQ(reg({"export", kTool, file}), done(kCompleted));
+    EXPECT_EQ(reg({"export", kTool, file, "/utf8"}), done(kCompleted));
     const std::string text = readFile(file);
     EXPECT_THAT(text,
                 testing::StartsWith("Windows Registry Editor Version 5.00\n\n[" + kFull + "]\n"));
@@ -351,10 +351,10 @@ TEST(RegTool, AddExportAndImportKeepEveryValue) {
     }
 
     // Exporting onto an existing file asks first.
-    EXPECT_EQ(reg({"export", kTool, file}, "n\n"),
+    EXPECT_EQ(reg({"export", kTool, file, "/utf8"}, "n\n"),
               done("File " + file + " already exists. Overwrite (Yes/No)? \n" + kCancelled));
     writeFile(file, "old");
-    EXPECT_EQ(reg({"export", kTool, file, "/y"}), done(kCompleted));
+    EXPECT_EQ(reg({"export", kTool, file, "/y", "/utf8"}), done(kCompleted));
     EXPECT_EQ(readFile(file), text);
 
     // Imported in place of the deleted key, every value comes back as it was.
@@ -369,8 +369,110 @@ TEST(RegTool, AddExportAndImportKeepEveryValue) {
     EXPECT_EQ(stored(kKey + "\\Sub\\Deeper", "x"), is(REG_SZ, "1\0"s));
     EXPECT_EQ(valueNames(kKey + "\\Sub\\Empty"), Args{});
     // And they export to the very same text.
-    EXPECT_EQ(reg({"export", kTool, file, "/y"}), done(kCompleted));
+    EXPECT_EQ(reg({"export", kTool, file, "/y", "/utf8"}), done(kCompleted));
     EXPECT_EQ(readFile(file), text);
+}
+
+// text as UTF-16LE bytes, in the compiler's encoding of the literal.
+std::string utf16le(std::u16string_view text) {
+    std::string out;
+    for (char16_t unit : text) {
+        out += static_cast<char>(unit & 0xFF);
+        out += static_cast<char>(unit >> 8);
+    }
+    return out;
+}
+
+// The bytes first to last (inclusive), each as "xx," in the hex lines of a registry file.
+std::u16string hexRun(int first, int last) {
+    std::u16string out;
+    for (int b = first; b <= last; ++b) {
+        const char16_t digits[] = u"0123456789abcdef";
+        out += {digits[b >> 4], digits[b & 0xF], u','};
+    }
+    return out;
+}
+
+TEST(RegTool, ExportWritesWhatThePlatformsToolsWriteByteForByte) {
+    const std::string file = registryDir() + "/utf16.reg";
+    std::string blob;
+    for (int b = 0; b < 50; ++b) {
+        blob += static_cast<char>(b);
+    }
+    const std::string sub = kKey + "\\Z\xc3\xbcrich";
+    setStored(kKey, "Name", REG_SZ, "Rover \"A\" at C:\\ \xe2\x82\xac\0"s);
+    setStored(kKey, "H\xc3\xb6he", REG_DWORD, "\x48\x26\0\0"s);
+    setStored(kKey, "", REG_SZ, "M\xc3\xbcnchen\0"s);
+    setStored(kKey, "Big", REG_QWORD, "\xf0\xde\xbc\x9a\x78\x56\x34\x12"s);
+    setStored(kKey, "Blob", REG_BINARY, blob);
+    setStored(kKey, "Path", REG_EXPAND_SZ, "%A%\xc3\xbc\0"s);
+    setStored(kKey, "List", REG_MULTI_SZ, "a\0\xe2\x82\xac\0\0"s);
+    ASSERT_EQ(reg({"add", kTool, "/v", "None", "/t", "REG_NONE", "/d", "ab"}), done(kCompleted));
+    setStored(sub, "x", REG_SZ, "1\0"s);
+    const std::string golden =
+        "\xff\xfe" + utf16le(
+                         u"Windows Registry Editor Version 5.00\r\n"
+                         u"\r\n"
+                         u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Tarvo Works\\GPS Velkor]\r\n"
+                         u"\"Name\"=\"Rover \\\"A\\\" at C:\\\\ \u20ac\"\r\n"
+                         u"\"H\u00f6he\"=dword:00002648\r\n"
+                         u"@=\"M\u00fcnchen\"\r\n"
+                         u"\"Big\"=hex(b):f0,de,bc,9a,78,56,34,12\r\n"
+                         u"\"Blob\"=hex:" +
+                         hexRun(0x00, 0x15) + u"\\\r\n  " + hexRun(0x16, 0x2e) + u"\\\r\n  " +
+                         u"2f,30,31\r\n"
+                         u"\"Path\"=hex(2):25,00,41,00,25,00,fc,00,00,00\r\n"
+                         u"\"List\"=hex(7):61,00,00,00,ac,20,00,00,00,00\r\n"
+                         u"\"None\"=hex(0):61,00,62,00,00,00\r\n"
+                         u"\r\n"
+                         u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Tarvo Works\\GPS Velkor\\Z\u00fcrich]\r\n"
+                         u"\"x\"=\"1\"\r\n"
+                         u"\r\n");
+    const auto values = [&] {
+        std::vector<Stored> all;
+        for (const char* name :
+             {"Name", "H\xc3\xb6he", "", "Big", "Blob", "Path", "List", "None"}) {
+            all.push_back(stored(kKey, name));
+        }
+        all.push_back(stored(sub, "x"));
+        return all;
+    };
+    const std::vector<Stored> before = values();
+
+    EXPECT_EQ(reg({"export", kTool, file}), done(kCompleted));
+    EXPECT_EQ(readFile(file), golden);
+    // Imported in place of the deleted key, the golden file gives every value back, and they
+    // export to the same bytes again.
+    ASSERT_EQ(reg({"delete", kTool, "/f"}), done(kCompleted));
+    writeFile(file, golden);
+    EXPECT_EQ(reg({"import", file}), done(kCompleted));
+    EXPECT_EQ(values(), before);
+    EXPECT_EQ(reg({"export", kTool, file, "/y"}), done(kCompleted));
+    EXPECT_EQ(readFile(file), golden);
+}
+
+TEST(RegTool, Regedit4FilesAreReadAsWindows1252UnlessTheyAreUtf8) {
+    const std::string file = registryDir() + "/ansi.reg";
+    // 0xFC is ü, 0x80 the euro sign, 0x84 and 0x93 low and high double quotes.
+    writeFile(file, withKey("REGEDIT4\r\n\r\n[$K\\M\xfcnchen]\r\n"
+                            "\"Pr\xfc"
+                            "fung\"=\"5 \x80 f\xfcr \x84"
+                            "A\x93\"\r\n"
+                            "\"Path\"=hex(2):25,41,25,fc,00\r\n"));
+    EXPECT_EQ(reg({"import", file}), done(kCompleted));
+    const std::string key = kKey + "\\M\xc3\xbcnchen";
+    EXPECT_EQ(stored(key,
+                     "Pr\xc3\xbc"
+                     "fung"),
+              is(REG_SZ,
+                 "5 \xe2\x82\xac f\xc3\xbcr \xe2\x80\x9e"
+                 "A\xe2\x80\x9c\0"s));
+    EXPECT_EQ(stored(key, "Path"), is(REG_EXPAND_SZ, "%A%\xc3\xbc\0"s));
+
+    // A REGEDIT4 file that a Linux tool wrote in UTF-8 keeps its characters.
+    writeFile(file, withKey("REGEDIT4\n\n[$K]\n\"Station\"=\"M\xc3\xbcnchen\"\n"));
+    EXPECT_EQ(reg({"import", file}), done(kCompleted));
+    EXPECT_EQ(stored(kKey, "Station"), is(REG_SZ, "M\xc3\xbcnchen\0"s));
 }
 
 TEST(RegTool, ImportsHandWrittenAndUtf16Files) {

@@ -74,14 +74,23 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
-// The number of characters of UTF-8 text, for the line width of an export.
+// The number of UTF-16 code units of UTF-8 text, the unit in which the registry editor
+// measures the width of a line: a character beyond U+FFFF counts twice.
 std::size_t characters(std::string_view text) {
     std::size_t count = 0;
     for (char c : text) {
-        count += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
+        const auto byte = static_cast<unsigned char>(c);
+        count += (byte & 0xC0) != 0x80 ? (byte >= 0xF0 ? 2 : 1) : 0;
     }
     return count;
 }
+
+// The characters of Windows-1252 from 0x80 to 0x9F; the five bytes that it leaves undefined
+// become the C1 controls of the same value, as the platform's conversion does.
+constexpr char16_t kWindows1252High[32] = {
+    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
 
 // --- Export ---
 
@@ -286,8 +295,12 @@ bool parseQuoted(std::string_view text, std::size_t& pos, std::string& out) {
     return false;
 }
 
-// The text of the file as UTF-8, from its byte order mark.
-std::string decodeFile(const std::string& content) {
+// The text of the file as UTF-8, from its byte order mark. A REGEDIT4 file is 8-bit text in
+// the platform's ANSI code page, Windows-1252 for the western installations, and is converted
+// from it (ansi set) unless it is valid UTF-8 as a whole: then a Linux tool wrote it, and a
+// text in Windows-1252 with letters beyond ASCII practically never is.
+std::string decodeFile(const std::string& content, bool& ansi) {
+    ansi = false;
     const auto at = [&](std::size_t i) { return static_cast<unsigned char>(content[i]); };
     if (content.size() >= 2 && at(0) == 0xFF && at(1) == 0xFE) {
         return Utf16LeToUtf8(std::string_view(content).substr(2));
@@ -304,6 +317,10 @@ std::string decodeFile(const std::string& content) {
     }
     if (content.size() >= 2 && at(0) != 0 && at(1) == 0) {
         return Utf16LeToUtf8(content);  // UTF-16LE that lost its byte order mark
+    }
+    if (content.compare(0, 8, "REGEDIT4") == 0 && !isUtf8(content)) {
+        ansi = true;
+        return Windows1252ToUtf8(content);
     }
     return content;
 }
@@ -334,12 +351,13 @@ class Importer {
     ImportReport m_report;
     std::vector<Line> m_lines;
     bool m_unicode = true;     // "Windows Registry Editor Version 5.00" rather than REGEDIT4
+    bool m_ansi = false;       // a REGEDIT4 file in Windows-1252
     bool m_inSection = false;  // a section line has been read
     Key m_key;                 // the key of the section; not open after a skipped section
 };
 
 ImportReport Importer::run(const std::string& content) {
-    const std::string text = decodeFile(content);
+    const std::string text = decodeFile(content, m_ansi);
     int number = 1;
     for (std::size_t start = 0; start <= text.size(); ++number) {
         std::size_t end = text.find('\n', start);
@@ -469,12 +487,15 @@ void Importer::valueLine(std::size_t& index, std::string_view text) {
             problem(number, "the hex data is not a list of bytes such as 00,1f,ff");
             return;
         }
-        if (m_unicode && (type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ)) {
+        const bool isText = type == REG_SZ || type == REG_EXPAND_SZ || type == REG_MULTI_SZ;
+        if (isText && m_unicode) {
             if (bytes.size() % 2 != 0) {
                 problem(number, "UTF-16 text needs an even number of bytes");
                 return;
             }
             bytes = Utf16LeToUtf8(bytes);
+        } else if (isText && m_ansi) {
+            bytes = Windows1252ToUtf8(bytes);
         }
     } else {
         problem(number, "the data is neither \"text\", dword:, hex: nor -");
@@ -584,6 +605,31 @@ std::string Utf16LeToUtf8(std::string_view utf16) {
         }
     }
     return out;
+}
+
+std::string Windows1252ToUtf8(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        appendUtf8(out, byte >= 0x80 && byte < 0xA0 ? kWindows1252High[byte - 0x80] : byte);
+    }
+    return out;
+}
+
+std::string EncodeRegFile(const std::string& text, RegFileEncoding encoding) {
+    if (encoding == RegFileEncoding::Utf8) {
+        return text;
+    }
+    std::string crlf;
+    crlf.reserve(text.size() + text.size() / 16);
+    for (char c : text) {
+        if (c == '\n') {
+            crlf += '\r';
+        }
+        crlf += c;
+    }
+    return "\xFF\xFE" + Utf8ToUtf16Le(crlf);
 }
 
 DWORD ExportText(const KeyName& key, std::string& text) {

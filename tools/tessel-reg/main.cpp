@@ -15,7 +15,8 @@
 // - "add KEY" without /v, /ve, /t and /d only creates the key; reg would also set the default
 //   value to an empty string.
 // - "query /v NAME /s" that finds nothing exits with 1, as a missing value does.
-// - Export writes UTF-8 with LF line ends, not UTF-16. A REG_SZ that the quoted form cannot
+// - Export writes UTF-16LE with a byte order mark and CRLF line ends, as reg does; /utf8
+//   writes UTF-8 with LF line ends instead. A REG_SZ that the quoted form cannot
 //   hold exactly (no terminating NUL, an inner NUL, a line break, bytes that are not UTF-8)
 //   is written as hex(1) instead of being cut at its first NUL, so that nothing is lost.
 // - Import reports each line that it cannot read, with its number, and then fails with
@@ -177,8 +178,9 @@ void printAddHelp() {
            "            REG_BINARY or REG_NONE\n"
            "  /s SEP    the one character that separates the strings of REG_MULTI_SZ data\n"
            "            instead of \\0\n"
-           "  /d DATA   the data: text (REG_SZ, REG_EXPAND_SZ, REG_NONE); REG_DWORD and\n"
-           "            REG_QWORD in decimal or 0x hex; REG_BINARY as hex digits (\"0aff\");\n"
+           "  /d DATA   the data: text (REG_SZ, REG_EXPAND_SZ, and REG_NONE, which stores it\n"
+           "            as UTF-16LE as reg does); REG_DWORD and REG_QWORD in decimal or 0x hex;\n"
+           "            REG_BINARY as hex digits (\"0aff\");\n"
            "            REG_MULTI_SZ as \"one\\0two\"\n"
            "  /f        overwrite an existing value without asking\n"
            "\n"
@@ -211,11 +213,15 @@ void printDeleteHelp() {
 }
 
 void printExportHelp() {
-    std::cout << "tessel-reg export KEY FILE [/y]\n"
+    std::cout << "tessel-reg export KEY FILE [/y] [/utf8]\n"
                  "\n"
                  "  Writes KEY and all keys below it to FILE in the registry editor's format\n"
-                 "  (\"Windows Registry Editor Version 5.00\"), as UTF-8 with LF line ends.\n"
+                 "  (\"Windows Registry Editor Version 5.00\"), as UTF-16LE with a byte order\n"
+                 "  mark and CRLF line ends: the form that the platform's own registry tools\n"
+                 "  write and read without loss.\n"
                  "  /y        overwrite an existing FILE without asking\n"
+                 "  /utf8     write UTF-8 with LF line ends instead, for grep, diff and editors;\n"
+                 "            tessel-reg imports both forms\n"
                  "\n"
               << kKeyHelp
               << "\n"
@@ -230,8 +236,9 @@ void printImportHelp() {
            "  Applies a registry file: \"[KEY]\" sections create keys, \"[-KEY]\" deletes a key\n"
            "  with everything below it, '\"Name\"=-' deletes a value. Reads UTF-8 (with or\n"
            "  without a byte order mark) and UTF-16 files with a byte order mark, CRLF or LF\n"
-           "  line ends, and also REGEDIT4 files. Lines that cannot be read are reported and\n"
-           "  skipped; an error of the registry ends the import.\n"
+           "  line ends, and also REGEDIT4 files (8-bit text in Windows-1252, or UTF-8).\n"
+           "  Lines that cannot be read are reported and skipped; an error of the registry\n"
+           "  ends the import.\n"
            "\n"
            "Example:\n"
            "  tessel-reg import /tmp/tarvo.reg\n";
@@ -244,14 +251,15 @@ void printUsage() {
            "  tessel-reg query  KEY [/v NAME | /ve] [/s]\n"
            "  tessel-reg add    KEY [/v NAME | /ve] [/t TYPE] [/s SEP] [/d DATA] [/f]\n"
            "  tessel-reg delete KEY [/v NAME | /ve | /va] [/f]\n"
-           "  tessel-reg export KEY FILE [/y]\n"
+           "  tessel-reg export KEY FILE [/y] [/utf8]\n"
            "  tessel-reg import FILE\n"
            "  tessel-reg OPERATION /?      help on one operation\n"
            "  tessel-reg --help | -h | /?  this text\n"
            "\n"
         << kKeyHelp
         << "\n"
-           "Export writes UTF-8 with LF line ends; import also reads UTF-16 and CRLF files.\n"
+           "Export writes UTF-16LE with CRLF line ends (/utf8: UTF-8 with LF); import reads\n"
+           "both, and REGEDIT4 files in Windows-1252.\n"
            "Exit status: 0 on success or when a question was answered with no, 1 on errors.\n"
            "\n";
     printRegistryFolder();
@@ -275,6 +283,7 @@ struct Command {
     bool allValues = false;     // /va
     bool recurse = false;       // /s of query
     bool force = false;         // /f, /y
+    bool utf8 = false;          // /utf8 of export
     std::optional<std::string> type;
     std::optional<std::string> data;
     std::optional<std::string> separator;  // /s of add
@@ -340,6 +349,8 @@ bool parseOptions(const Operation& operation, const std::vector<std::string>& ar
             first = set(command.allValues);
         } else if (name == "s") {
             first = takesArgument ? setText(command.separator) : set(command.recurse);
+        } else if (name == "utf8") {
+            first = set(command.utf8);
         } else if (name == "f" || name == "y") {
             first = set(command.force);
         } else if (name == "t") {
@@ -602,8 +613,11 @@ bool buildData(DWORD type, const std::string& text, const std::string& separator
     switch (type) {
         case REG_SZ:
         case REG_EXPAND_SZ:
-        case REG_NONE:  // reg stores REG_NONE data as text too
             bytes = text + '\0';
+            return true;
+        case REG_NONE:  // as reg stores it: the text in UTF-16LE with its terminator
+            bytes = Utf8ToUtf16Le(text);
+            bytes.append(2, '\0');
             return true;
         case REG_DWORD:
         case REG_QWORD: {
@@ -845,7 +859,8 @@ int runExport(const Command& command) {
     if (const DWORD rc = ExportText(name, text); rc != ERROR_SUCCESS) {
         return storeFailure(rc);
     }
-    if (!writeFile(file, text)) {
+    if (!writeFile(file, EncodeRegFile(text, command.utf8 ? RegFileEncoding::Utf8
+                                                          : RegFileEncoding::Utf16))) {
         return fail("Cannot write the file " + file + ": " + std::strerror(errno) + ".");
     }
     return completed();
@@ -880,7 +895,7 @@ const std::vector<Operation>& operations() {
         {"query", 1, {"v=", "ve", "s", "reg:32", "reg:64"}, &runQuery, &printQueryHelp},
         {"add", 1, {"v=", "ve", "t=", "s=", "d=", "f", "reg:32", "reg:64"}, &runAdd, &printAddHelp},
         {"delete", 1, {"v=", "ve", "va", "f", "reg:32", "reg:64"}, &runDelete, &printDeleteHelp},
-        {"export", 2, {"y", "reg:32", "reg:64"}, &runExport, &printExportHelp},
+        {"export", 2, {"y", "utf8", "reg:32", "reg:64"}, &runExport, &printExportHelp},
         {"import", 1, {"reg:32", "reg:64"}, &runImport, &printImportHelp},
     };
     return all;
