@@ -7,6 +7,10 @@
 // monitoring tools over HTTP until SIGINT or SIGTERM (or the time given with --duration) ends
 // it; then the workers stop, each within its bound, the server closes and the process exits
 // cleanly. With --print it also prints the station's elements once a second.
+//
+// Run by systemd as a service of type notify (tessel-host.service), it reports itself ready
+// once the monitor ports listen, keeps a one-line status, feeds systemd's watchdog while the
+// feed's receiver makes progress, and reports the stop on SIGTERM.
 #include <signal.h>
 
 #include <atomic>
@@ -29,6 +33,7 @@
 #include "tessel/platform/ExecutableVersion.h"
 #include "tessel/platform/Handle.h"
 #include "tessel/platform/PendingDeletions.h"
+#include "tessel/platform/Systemd.h"
 #include "tessel/supervision/ExceptionHandlerVelkor.h"
 #include "tessel/supervision/MiniDumpHelper.h"
 #include "tessel/supervision/WatchdogClient.h"
@@ -84,6 +89,19 @@ class FeedWorker : public CActiveObject {
         : CActiveObject(name, &FeedWorker::run, this, 1000), m_feed(feed), m_periodMs(periodMs) {}
     ~FeedWorker() override { StopThread(); }
 
+    // Whether a step ended within the last maxAge (true before the first period is over).
+    bool progressing(std::chrono::steady_clock::duration maxAge) const {
+        return std::chrono::steady_clock::now().time_since_epoch().count() -
+                   m_lastStep.load(std::memory_order_relaxed) <=
+               maxAge.count();
+    }
+
+    // From the given time on, the worker stops making progress (it waits for its stop only):
+    // lets an operator try systemd's watchdog.
+    void stallAfter(std::chrono::steady_clock::time_point when) {
+        m_stallAt.store(when.time_since_epoch().count(), std::memory_order_relaxed);
+    }
+
   protected:
     virtual void step(StationFeed& feed) = 0;
 
@@ -92,13 +110,26 @@ class FeedWorker : public CActiveObject {
         auto* worker = static_cast<FeedWorker*>(self);
         while (Tessel::Platform::WaitForSingleObject(worker->m_hStopEvent, worker->m_periodMs) ==
                Tessel::Platform::WAIT_TIMEOUT) {
+            const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+            if (now >= worker->m_stallAt.load(std::memory_order_relaxed)) {
+                Tessel::Platform::WaitForSingleObject(worker->m_hStopEvent,
+                                                      Tessel::Platform::INFINITE);
+                break;
+            }
             worker->step(worker->m_feed);
+            worker->m_lastStep.store(now, std::memory_order_relaxed);
         }
         return 0;
     }
 
     StationFeed& m_feed;
     const unsigned int m_periodMs;
+    // Steady-clock ticks of the last step's start, and of the stall. Relaxed: each is one
+    // value read on its own, publishing nothing else.
+    std::atomic<std::chrono::steady_clock::rep> m_lastStep{
+        std::chrono::steady_clock::now().time_since_epoch().count()};
+    std::atomic<std::chrono::steady_clock::rep> m_stallAt{
+        std::chrono::steady_clock::time_point::max().time_since_epoch().count()};
 };
 
 // Receives an epoch every 100 ms, of which about one in fifty is lost.
@@ -139,12 +170,23 @@ class Assessor : public FeedWorker {
 
 int usage() {
     std::cerr << "usage: tessel-host [--duration SECONDS] [--port PORT] [--host-info-port PORT]\n"
-                 "                   [--print]\n"
+                 "                   [--print] [--stall-after SECONDS]\n"
                  "Serves a simulated station feed over Telnet and HTTP on the station worker's\n"
                  "monitor port (default: registry value StationWorkerPort, else 9801) and on\n"
                  "the host info port (HostInfoPort, else 9800; 0: none) until SIGINT or SIGTERM,\n"
-                 "or for SECONDS seconds. --print prints the station's elements every second.\n";
+                 "or for SECONDS seconds. --print prints the station's elements every second.\n"
+                 "--stall-after stops the feed's progress after SECONDS, so that systemd's\n"
+                 "watchdog (WatchdogSec=) can be seen to end and restart the process.\n";
     return 2;
+}
+
+// The one-line status that systemd shows.
+std::string summary(const StationFeed& feed, long port) {
+    std::ostringstream text;
+    text << "Station STA1: " << static_cast<long long>(feed.epochs->get()) << " of "
+         << static_cast<long long>(feed.expected->get()) << " epochs, latency " << std::fixed
+         << std::setprecision(1) << feed.latency->get() << " ms; monitor port " << port;
+    return text.str();
 }
 
 // A whole non-negative number, or -1.
@@ -161,6 +203,7 @@ int main(int argc, char** argv) {
     long port = -1;
     long hostInfoPort = -1;
     bool print = false;
+    long stallAfter = -1;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
         if (std::strcmp(argv[i], "--duration") == 0 && hasValue) {
@@ -173,6 +216,10 @@ int main(int argc, char** argv) {
             }
         } else if (std::strcmp(argv[i], "--host-info-port") == 0 && hasValue) {
             if ((hostInfoPort = number(argv[++i])) < 0) {
+                return usage();
+            }
+        } else if (std::strcmp(argv[i], "--stall-after") == 0 && hasValue) {
+            if ((stallAfter = number(argv[++i])) < 0) {
                 return usage();
             }
         } else if (std::strcmp(argv[i], "--print") == 0) {
@@ -243,8 +290,19 @@ int main(int argc, char** argv) {
         StationFeed feed("STA1");
         Receiver receiver(feed);
         Assessor assessor(feed);
+        if (stallAfter >= 0) {
+            receiver.stallAfter(std::chrono::steady_clock::now() +
+                                std::chrono::seconds(stallAfter));
+        }
         receiver.StartThread(__FILE__, __LINE__, "main", 0, nullptr, 0);
         assessor.StartThread(__FILE__, __LINE__, "main", 0, nullptr, 0);
+        Tessel::Systemd::notifyReady(summary(feed, port));
+        // systemd's watchdog is fed while the receiver has stepped within the interval (and
+        // at least its own period of 100 ms several times over).
+        const auto allowed = std::max<std::chrono::steady_clock::duration>(
+            Tessel::Systemd::watchdogInterval(), std::chrono::seconds(1));
+        Tessel::Systemd::Watchdog systemdWatchdog(
+            [&receiver, allowed] { return receiver.progressing(allowed); });
 
         TablePrinter printer(std::cout);
         printer.setFilter("**station**");
@@ -261,11 +319,13 @@ int main(int argc, char** argv) {
             if (print) {
                 MonitorElementDatabase::getInstance().update(printer);
             }
+            Tessel::Systemd::notifyStatus(summary(feed, port));
             if (duration >= 0 &&
                 std::chrono::steady_clock::now() - started >= std::chrono::seconds(duration)) {
                 break;
             }
         }
+        Tessel::Systemd::notifyStopping();
         // Each stop is bounded: the stop time-out, then 5 seconds, then the thread is ended.
         receiver.StopThread();
         assessor.StopThread();
