@@ -8,6 +8,7 @@
 
 #include "tessel/monitoring/MonitorElementDatabase.h"
 #include "tessel/monitoring/MonitorProcess.h"
+#include "tessel/monitoring/detail/PrometheusText.h"
 #include "tessel/platform/Clock.h"
 
 namespace {
@@ -74,6 +75,12 @@ void CMonitorElementObserver::beginUpdate() {
             break;
         case Prtg:
             *m_pOutput << "{ \"prtg\": { \"result\": [ ";
+            break;
+        case Prometheus:
+            if (!m_prometheus) {
+                m_prometheus = std::make_unique<Tessel::Monitoring::PrometheusText>();
+            }
+            m_prometheus->begin();
             break;
         default:
             break;
@@ -184,6 +191,11 @@ void CMonitorElementObserver::render(CMonitorElement& element) {
         }
         case Prtg:
             printPrtgLine(element);
+            break;
+        case Prometheus:
+            m_prometheus->add(element.getIdentifier(0),
+                              m_bStripCommonPath ? m_commonPath.size() : 0, element.getUnit(),
+                              element.get());
             break;
         default:
             break;
@@ -300,6 +312,9 @@ void CMonitorElementObserver::writeClosingText(std::uint64_t renderedCount) {
             *m_pOutput << "{ \"channel\":\"Channel count\",\"value\": " << renderedCount << "}\r\n"
                        << "] } }"
                        << "\r\n";
+            break;
+        case Prometheus:
+            m_prometheus->write(*m_pOutput);
             break;
         default:
             break;

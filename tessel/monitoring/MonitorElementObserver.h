@@ -5,8 +5,9 @@
 // the filter, in key order, then endUpdate, all under the database's lock. updateElement only
 // takes a copy of the element, so that the value rendered and the value aggregated are one
 // and the same even while the live element changes; endUpdate renders the copies into the
-// stream in the mode's format (plain lines, JSON, PRTG JSON, top list, aggregate, watch,
-// rate, process list, stack traces) and writes the mode's closing text.
+// stream in the mode's format (plain lines, JSON, PRTG JSON, the Prometheus text format, top
+// list, aggregate, watch, rate, process list, stack traces) and writes the mode's closing
+// text.
 //
 // Every connection of the monitor server owns one observer for its whole life: filter, mode,
 // minimum value and strip-common-path stay set between passes, which is what lets a command
@@ -14,7 +15,8 @@
 // (Aggregate and List empty it). Host code may also derive an observer of its own and
 // override the three pass operations.
 //
-// Lines end in CR LF. Paths and units are written unescaped.
+// Lines end in CR LF (LF in mode Prometheus). Paths and units are written unescaped, except
+// in mode Prometheus, which follows its format's rules.
 //
 // Thread safety: none of its own. Passes of one observer must be serialised by its owner
 // (the monitor server's connection lock); the pass operations run under the database lock,
@@ -24,27 +26,35 @@
 #include <cstdint>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "tessel/Export.h"
 #include "tessel/monitoring/MonitorElement.h"
 
+namespace Tessel::Monitoring {
+class PrometheusText;
+}
+
 class TESSEL_API CMonitorElementObserver {
   public:
     // How the elements of a pass are rendered; the values are those of the commands' table.
     enum eObserverMode : std::int32_t {
-        None = 0,       // no pass is run
-        Print = 1,      // PRINT
-        Top = 2,        // TOP: the 10 highest values
-        Json = 3,       // JSON, or HTTP format json
-        Reset = 4,      // RESET: shows the copies set to the reset value
-        Aggregate = 5,  // AGGREGATE: lines and their sum
-        Watch = 6,      // WATCH: only what changed since the last pass
-        List = 7,       // LIST: process and server overview
-        Rate = 8,       // RATE: change per second
-        Backtrace = 9,  // BACKTRACE: stack traces of the selected threads
-        Prtg = 10       // HTTP format prtg
+        None = 0,        // no pass is run
+        Print = 1,       // PRINT
+        Top = 2,         // TOP: the 10 highest values
+        Json = 3,        // JSON, or HTTP format json
+        Reset = 4,       // RESET: shows the copies set to the reset value
+        Aggregate = 5,   // AGGREGATE: lines and their sum
+        Watch = 6,       // WATCH: only what changed since the last pass
+        List = 7,        // LIST: process and server overview
+        Rate = 8,        // RATE: change per second
+        Backtrace = 9,   // BACKTRACE: stack traces of the selected threads
+        Prtg = 10,       // HTTP format prtg
+        Prometheus = 11  // HTTP format prometheus: the text exposition format 0.0.4, in which
+                         // each element is a gauge named by its path (the rule is in the
+                         // README, "Prometheus"); lines end in LF alone
     };
 
     // output: the stream that passes write to; not owned, may be null for an observer
@@ -121,4 +131,6 @@ class TESSEL_API CMonitorElementObserver {
     std::vector<CMonitorElement> m_pending;
     std::vector<std::string> m_commonPath;
     std::uint64_t m_ullSkipLength = 0;
+    // The Prometheus text of mode Prometheus, made on its first pass.
+    std::unique_ptr<Tessel::Monitoring::PrometheusText> m_prometheus;
 };

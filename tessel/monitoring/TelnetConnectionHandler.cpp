@@ -410,7 +410,8 @@ void CTelnetConnectionHandler::executeCommand() {
 }
 
 // Only the request line is read: the query of its target selects filter, format, limit and
-// truncation; headers, path and version are ignored.
+// truncation; headers and version are ignored, and so is the path, except "/metrics", which
+// answers in the Prometheus format with the filter "**" unless the query says otherwise.
 void CTelnetConnectionHandler::handleHttpRequest() {
     boost::lock_guard<boost::mutex> lock(m_connectionLock);
     auto badRequest = [this] {
@@ -424,8 +425,13 @@ void CTelnetConnectionHandler::handleHttpRequest() {
     }
     const std::string target = m_line.substr(first + 1, second - first - 1);
     std::map<std::string, std::string> parameters;
-    if (!parseQuery(target, parameters)) {
+    const bool metricsPath = target.substr(0, target.find('?')) == "/metrics";
+    if (!parseQuery(target, parameters) && !metricsPath) {
         return badRequest();
+    }
+    if (metricsPath) {
+        parameters.emplace("filter", "**");
+        parameters.emplace("format", "prometheus");
     }
 
     auto filter = parameters.find("filter");
@@ -441,6 +447,9 @@ void CTelnetConnectionHandler::handleHttpRequest() {
     } else if (format != parameters.end() && format->second == "prtg") {
         m_observer.setMode(CMonitorElementObserver::Prtg);
         m_observer.setStripCommonPath(true);
+    } else if (format != parameters.end() && format->second == "prometheus") {
+        m_observer.setMode(CMonitorElementObserver::Prometheus);
+        m_observer.setStripCommonPath(false);
     } else {
         return badRequest();
     }
@@ -469,7 +478,11 @@ void CTelnetConnectionHandler::handleHttpRequest() {
     m_text.str(std::string());
     m_text.clear();
     m_pDatabase->update(m_observer);
-    sendHttpResponse("200", "OK", "application/json", m_text.str());
+    sendHttpResponse("200", "OK",
+                     m_observer.getMode() == CMonitorElementObserver::Prometheus
+                         ? "text/plain; version=0.0.4; charset=utf-8"
+                         : "application/json",
+                     m_text.str());
 }
 
 // The Date header goes out empty; the connection stays open despite "Connection: close"

@@ -244,11 +244,12 @@ TEST_F(TelnetServerTest, QueryParametersBadAndOverlongRequests) {
     for (const auto& c : cases) {
         EXPECT_EQ(request("GET /?" + c.query + " HTTP/1.0\n\n"), json(c.body)) << c.query;
     }
-    // No filter (a stretch without '=' is skipped), an empty one, no '?', no format, a format
+    // No filter (a stretch without '=' is skipped), an empty one, no '?' (on another path
+    // than /metrics, which answers Prometheus), no format, a format
     // that is not exactly json or prtg, a limit that is no number, a truncate that is no flag,
     // too few blanks, none.
     for (const char* bad :
-         {" /?filter&format=json HTTP/1.1", " /?filter=&format=json HTTP/1.1", " /metrics HTTP/1.1",
+         {" /?filter&format=json HTTP/1.1", " /?filter=&format=json HTTP/1.1", " /stats HTTP/1.1",
           " /?filter=* HTTP/1.1", " /?filter=*&format=JSON HTTP/1.1",
           " /?filter=*&format=json&limit=abc HTTP/1.1",
           " /?filter=*&format=json&truncate=yes HTTP/1.1", " /?filter=*&format=json", ""}) {

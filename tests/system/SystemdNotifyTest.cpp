@@ -3,7 +3,6 @@
 #ifdef TESSEL_HOST_PROGRAM
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 
 #include "platform/PlatformTest.h"
 #include "support/ChildProcess.h"
+#include "support/NetworkClient.h"
 #include "support/ScratchRegistry.h"
 #include "tessel/platform/Systemd.h"
 
@@ -65,26 +65,15 @@ class Manager {
     int m_fd = -1;
 };
 
-int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 std::unique_ptr<TesselTest::ChildProcess> startHost(const Manager& manager,
                                                     std::vector<std::string> arguments) {
     TesselTest::UseScratchRegistry();
     TesselTest::ChildOptions options;
     options.environment["NOTIFY_SOCKET"] = manager.socketName();
     options.environment["WATCHDOG_USEC"] = "400000";
-    std::vector<std::string> argv{TESSEL_HOST_PROGRAM, "--port", std::to_string(freePort()),
-                                  "--host-info-port", "0"};
+    std::vector<std::string> argv{TESSEL_HOST_PROGRAM, "--port",
+                                  std::to_string(TesselTest::FreeTcpPort()), "--host-info-port",
+                                  "0"};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return std::make_unique<TesselTest::ChildProcess>(argv, options);
 }
