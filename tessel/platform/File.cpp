@@ -34,7 +34,9 @@ namespace {
 
 class FileObject final : public Waitable {
   public:
-    FileObject(int fd, DWORD access) : Waitable(Kind::Other), m_fd(fd), m_access(access) {}
+    // stream: a character device, read and written one call at a time.
+    FileObject(int fd, DWORD access, bool stream)
+        : Waitable(Kind::Other), m_fd(fd), m_access(access), m_stream(stream) {}
     ~FileObject() override { ::close(m_fd); }
 
     Acquire tryAcquire(WaitRecord* /*record*/) override { return Acquire::Taken; }
@@ -42,10 +44,12 @@ class FileObject final : public Waitable {
 
     int fd() const { return m_fd; }
     DWORD access() const { return m_access; }
+    bool stream() const { return m_stream; }
 
   private:
     const int m_fd;
     const DWORD m_access;
+    const bool m_stream;
 };
 
 // The file object of an open file handle, or null with ERROR_INVALID_HANDLE.
@@ -182,6 +186,24 @@ DWORD FileAccessOf(HANDLE file) {
     return object != nullptr ? object->access() : 0;
 }
 
+HANDLE MakeFileHandle(int fd, DWORD access) {
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        setFileError(errno);
+        ::close(fd);
+        return INVALID_HANDLE_VALUE;
+    }
+    auto* object = new (std::nothrow)
+        FileObject(fd, access & (GENERIC_READ | GENERIC_WRITE), S_ISCHR(status.st_mode));
+    if (object == nullptr) {
+        ::close(fd);
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return INVALID_HANDLE_VALUE;
+    }
+    HANDLE handle = MakeHandle(object);
+    return handle != nullptr ? handle : INVALID_HANDLE_VALUE;
+}
+
 HANDLE CreateFileA(const char* fileName, DWORD desiredAccess, DWORD shareMode,
                    SECURITY_ATTRIBUTES* /*attributes*/, DWORD creationDisposition,
                    DWORD flagsAndAttributes, HANDLE /*templateFile*/) {
@@ -245,8 +267,8 @@ HANDLE CreateFileA(const char* fileName, DWORD desiredAccess, DWORD shareMode,
         }
     }
 
-    auto* object =
-        new (std::nothrow) FileObject(fd, desiredAccess & (GENERIC_READ | GENERIC_WRITE));
+    auto* object = new (std::nothrow)
+        FileObject(fd, desiredAccess & (GENERIC_READ | GENERIC_WRITE), S_ISCHR(status.st_mode));
     if (object == nullptr) {
         ::close(fd);
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -293,10 +315,10 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead, vo
             }
             return FALSE;
         }
-        if (n == 0) {
+        done += static_cast<DWORD>(n);
+        if (n == 0 || object->stream()) {
             break;
         }
-        done += static_cast<DWORD>(n);
     }
     if (bytesRead != nullptr) {
         *bytesRead = done;
@@ -336,6 +358,9 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytes
             return FALSE;
         }
         done += static_cast<DWORD>(n);
+        if (object->stream()) {
+            break;
+        }
     }
     if (bytesWritten != nullptr) {
         *bytesWritten = done;
@@ -702,6 +727,28 @@ UINT GetTempFileNameA(const char* path, const char* prefix, UINT unique, char* t
     }
     SetLastError(ERROR_FILE_EXISTS);
     return 0;
+}
+
+DWORD GetFileType(HANDLE file) {
+    FileObject* object = fileOf(file);
+    if (object == nullptr) {
+        return FILE_TYPE_UNKNOWN;
+    }
+    struct stat status {};
+    if (::fstat(object->fd(), &status) != 0) {
+        setFileError(errno);
+        return FILE_TYPE_UNKNOWN;
+    }
+    SetLastError(ERROR_SUCCESS);
+    if (S_ISCHR(status.st_mode)) {
+        return FILE_TYPE_CHAR;
+    }
+    if (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode)) {
+        return FILE_TYPE_PIPE;
+    }
+    return S_ISREG(status.st_mode) || S_ISBLK(status.st_mode) || S_ISDIR(status.st_mode)
+               ? FILE_TYPE_DISK
+               : FILE_TYPE_UNKNOWN;
 }
 
 DWORD GetFinalPathNameByHandleA(HANDLE file, char* buffer, DWORD size, DWORD /*flags*/) {

@@ -17,6 +17,10 @@
 // Write-through (FILE_FLAG_WRITE_THROUGH) opens with O_DSYNC: WriteFile returns once the bytes
 // are on the device. Descriptors are opened close-on-exec, so started programs inherit none.
 //
+// Character devices (a tty, such as the modem handle of the telephony functions) are streams:
+// ReadFile and WriteFile on them make one read or write each and return what it moved, as the
+// platform does for a communications device, instead of insisting on the full count.
+//
 // Thread safety: all functions may be called from any thread. A handle has one file position,
 // shared by all threads that use it, as on the platform; reads and writes through one handle
 // from several threads at once are an error of the caller.
@@ -58,6 +62,12 @@ inline constexpr DWORD FILE_END = 2;
 
 // Error numbers of the file functions that the common list lacks.
 
+// Results of GetFileType.
+inline constexpr DWORD FILE_TYPE_UNKNOWN = 0;
+inline constexpr DWORD FILE_TYPE_DISK = 1;  // a file or a block device
+inline constexpr DWORD FILE_TYPE_CHAR = 2;  // a character device: a tty, a console
+inline constexpr DWORD FILE_TYPE_PIPE = 3;  // a pipe or a socket
+
 // Flags of MoveFileExA.
 inline constexpr DWORD MOVEFILE_REPLACE_EXISTING = 0x00000001u;
 inline constexpr DWORD MOVEFILE_DELAY_UNTIL_REBOOT = 0x00000004u;
@@ -82,14 +92,17 @@ TESSEL_API HANDLE CreateFileA(const char* fileName, DWORD desiredAccess, DWORD s
 // Reads up to bytesToRead bytes at the file position into buffer and advances the position by
 // the bytes read, which are stored in *bytesRead (if not null). At the end of the file TRUE
 // with 0 bytes; fewer bytes than asked only at the end of the file. overlapped must be null
-// (ERROR_INVALID_PARAMETER otherwise), as must be buffer only when bytesToRead is 0.
+// (ERROR_INVALID_PARAMETER otherwise), as must be buffer only when bytesToRead is 0. On a
+// character device one read: it waits for data and returns what is there (a tty in raw mode
+// at least one byte), 0 bytes at its end (a tty that was hung up).
 TESSEL_API BOOL ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead,
                          void* overlapped);
 
 // Writes bytesToWrite bytes from buffer at the file position, extending the file where it
 // ends there, and advances the position; *bytesWritten (if not null) is the count written,
 // which is bytesToWrite on success. overlapped must be null. FALSE on failure, among others
-// ERROR_DISK_FULL; bytes written before a failure stay in the file and are counted.
+// ERROR_DISK_FULL; bytes written before a failure stay in the file and are counted. On a
+// character device one write, whose count may be less than bytesToWrite.
 TESSEL_API BOOL WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytesWritten,
                           void* overlapped);
 
@@ -161,6 +174,11 @@ inline constexpr DWORD ERROR_DIRECTORY = 267;
 // the failed creation (ERROR_PATH_NOT_FOUND for a missing folder, ERROR_ACCESS_DENIED, ...).
 TESSEL_API UINT GetTempFileNameA(const char* path, const char* prefix, UINT unique,
                                  char* tempFileName);
+
+// The kind of file that the file handle file names (see the FILE_TYPE_ values), with the last
+// error ERROR_SUCCESS. FILE_TYPE_UNKNOWN with ERROR_INVALID_HANDLE for a handle that is not an
+// open file handle (also for handles of other objects, such as events).
+TESSEL_API DWORD GetFileType(HANDLE file);
 
 // The path of the open file of handle file into buffer of size characters with its NUL, as the
 // system names it now (the file's absolute path). flags: ignored. The length without the NUL;
