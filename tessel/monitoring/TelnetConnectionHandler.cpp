@@ -81,11 +81,12 @@ CTelnetConnectionHandler::CTelnetConnectionHandler(boost::asio::io_context& io)
       m_serverName(std::string("Velkor Monitoring Framework") + " " + "7.7.0" + "." + "9062") {}
 
 // A REPEAT thread blocked in a write to a client that no longer reads would never come back
-// to see the stop; shutting the socket down first ends such a write.
+// to see the stop; shutting the socket down first ends such a write. The socket is closed
+// before the end hook runs, so that whoever counts connections counts descriptors too.
 CTelnetConnectionHandler::~CTelnetConnectionHandler() {
     m_bRepeatRunning = false;
+    boost::system::error_code ignored;
     if (m_repeatThread) {
-        boost::system::error_code ignored;
         m_socket.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
         {
             boost::lock_guard<boost::mutex> lock(m_repeatWaitLock);
@@ -93,6 +94,18 @@ CTelnetConnectionHandler::~CTelnetConnectionHandler() {
         }
         m_repeatThread->join();
     }
+    m_socket.close(ignored);
+    if (m_onEnd) {
+        m_onEnd();
+    }
+}
+
+void CTelnetConnectionHandler::setIdleTimeout(std::uint32_t seconds) {
+    m_idleTimeout = std::chrono::seconds(seconds);
+}
+
+void CTelnetConnectionHandler::setOnEnd(std::function<void()> onEnd) {
+    m_onEnd = std::move(onEnd);
 }
 
 // Small writes (prompt, clear-screen) go out at once: an operator's console and a monitoring
@@ -104,6 +117,11 @@ void CTelnetConnectionHandler::start() {
                                                                      boost::posix_time::seconds(1));
     m_welcomeTimer->async_wait(boost::bind(&CTelnetConnectionHandler::handleWelcomeTimer,
                                            shared_from_this(), boost::placeholders::_1));
+    if (m_idleTimeout.count() > 0) {
+        m_lastInput = std::chrono::steady_clock::now();
+        m_idleTimer = std::make_unique<boost::asio::steady_timer>(m_socket.get_executor());
+        startIdleTimer(m_idleTimeout);
+    }
     startRead();
 }
 
@@ -116,7 +134,17 @@ void CTelnetConnectionHandler::startRead() {
 void CTelnetConnectionHandler::handleRead(const boost::system::error_code& error,
                                           std::size_t bytes) {
     if (error) {
+        // The timers' waits hold the connection too; they end with the reads.
+        if (m_welcomeTimer) {
+            m_welcomeTimer->cancel();
+        }
+        if (m_idleTimer) {
+            m_idleTimer->cancel();
+        }
         return;
+    }
+    if (m_idleTimer) {
+        m_lastInput = std::chrono::steady_clock::now();
     }
     // Bytes behind a QUIT or an over-long request are not looked at: the socket is closed.
     for (std::size_t i = 0; i < bytes && m_socket.is_open(); ++i) {
@@ -131,6 +159,35 @@ void CTelnetConnectionHandler::handleWelcomeTimer(const boost::system::error_cod
     }
     m_welcomeTimer.reset();
     sendWelcome();
+}
+
+void CTelnetConnectionHandler::startIdleTimer(std::chrono::steady_clock::duration wait) {
+    m_idleTimer->expires_after(wait);
+    m_idleTimer->async_wait(boost::bind(&CTelnetConnectionHandler::handleIdleTimer,
+                                        shared_from_this(), boost::placeholders::_1));
+}
+
+// Rather than restarting the timer at every read, the timer looks at the time of the last
+// input when it fires and waits for the rest. A running REPEAT counts as input.
+void CTelnetConnectionHandler::handleIdleTimer(const boost::system::error_code& error) {
+    if (error == boost::asio::error::operation_aborted || !m_socket.is_open()) {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (m_bRepeatActive) {
+        m_lastInput = now;
+    }
+    if (now - m_lastInput >= m_idleTimeout) {
+        closeConnection();
+        return;
+    }
+    startIdleTimer(m_lastInput + m_idleTimeout - now);
+}
+
+void CTelnetConnectionHandler::closeConnection() {
+    boost::lock_guard<boost::mutex> lock(m_connectionLock);
+    boost::system::error_code ignored;
+    m_socket.close(ignored);
 }
 
 void CTelnetConnectionHandler::sendWelcome() {
@@ -206,6 +263,10 @@ void CTelnetConnectionHandler::handleInput(char c) {
             send(" ");
         }
     } else if (c >= 32 && c <= 126) {
+        if (m_line.size() >= MAX_REQUEST_LENGTH) {
+            closeConnection();
+            return;
+        }
         m_line += c;
     }
     resetHistoryPosition();
@@ -217,11 +278,12 @@ void CTelnetConnectionHandler::handleLineEnd() {
             m_welcomeTimer->cancel();
         }
         m_line += '\n';
-        if (m_line.size() >= 2 && m_line.compare(m_line.size() - 2, 2, "\n\n") == 0) {
+        // The length first: empty lines that each answer the request again must not let
+        // the request grow without bound either.
+        if (m_line.size() > MAX_REQUEST_LENGTH) {
+            closeConnection();
+        } else if (m_line.compare(m_line.size() - 2, 2, "\n\n") == 0) {
             handleHttpRequest();
-        } else if (m_line.size() > MAX_REQUEST_LENGTH) {
-            boost::system::error_code ignored;
-            m_socket.close(ignored);
         }
         resetHistoryPosition();
         m_ullInputState = 0;
@@ -247,8 +309,10 @@ void CTelnetConnectionHandler::handleLineEnd() {
 }
 
 void CTelnetConnectionHandler::addToHistory(const std::string& line) {
-    if (!line.empty() && m_history.size() < MAX_HISTORY_LINES) {
+    if (!line.empty() && m_history.size() < MAX_HISTORY_LINES &&
+        line.size() <= MAX_HISTORY_BYTES - m_historyBytes) {
         m_history.push_front(line);
+        m_historyBytes += line.size();
     }
 }
 

@@ -9,17 +9,21 @@
 // before that and cancels the greeting.
 //
 // Input is read as it arrives and fed byte by byte to handleInput, a small state machine
-// with a line buffer, a command history of at most 1000 lines and the cursor keys Up and Down.
-// Typed characters are not echoed: a Telnet client echoes locally. Output of a command is
-// built completely in memory by the connection's observer and written in one blocking write,
-// in pieces of at most 65,536 bytes; a failed write is ignored and the connection goes on
-// until its read fails. There are no time-outs: a silent client keeps its connection.
+// with a line buffer, a command history of at most 1000 lines (and at most 4 MiB in all) and
+// the cursor keys Up and Down. A line, Telnet command or HTTP request, of more than 4 MiB
+// closes the connection the moment it passes the limit, so a client cannot make the line
+// grow without bound. Typed characters are not echoed: a Telnet client echoes locally. Output
+// of a command is built completely in memory by the connection's observer and written in one
+// blocking write, in pieces of at most 65,536 bytes; a failed write is ignored and the
+// connection goes on until its read fails. By default there are no time-outs and a silent
+// client keeps its connection; setIdleTimeout closes one that sends nothing for a while.
 //
 // Lifetime: always held by a boost::shared_ptr (create); every pending asynchronous operation
-// holds one, so the connection lives until its last operation has ended. The destructor stops
-// and joins the REPEAT thread.
+// holds one, so the connection lives until its last operation has ended; a failed read ends
+// the timers' waits too. The destructor stops and joins the REPEAT thread, closes the socket
+// and then calls the end hook (setOnEnd).
 //
-// Thread safety: the server's network thread runs the reads, the timer and handleInput; the
+// Thread safety: the server's network thread runs the reads, the timers and handleInput; the
 // REPEAT thread runs the execute step alone. The connection lock serialises command parsing,
 // passes and HTTP handling; it is taken before the element database's lock.
 #pragma once
@@ -28,13 +32,16 @@
 #include <boost/asio/deadline_timer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
+#include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -49,10 +56,13 @@ class TESSEL_API CTelnetConnectionHandler
   public:
     using pointer = boost::shared_ptr<CTelnetConnectionHandler>;
 
-    // Line length at which an HTTP connection is closed: 4 MiB.
+    // Longest line, and longest HTTP request with its line ends, in bytes: 4 MiB. One byte
+    // more closes the connection.
     static constexpr std::size_t MAX_REQUEST_LENGTH = 4194304;
     // Most lines that the command history keeps.
     static constexpr std::size_t MAX_HISTORY_LINES = 1000;
+    // Most bytes that the lines of the command history hold together: 4 MiB.
+    static constexpr std::size_t MAX_HISTORY_BYTES = 4194304;
     // Bytes per system call of a write.
     static constexpr std::size_t WRITE_PIECE = 65536;
 
@@ -66,7 +76,17 @@ class TESSEL_API CTelnetConnectionHandler
     // The socket that an acceptor connects.
     boost::asio::ip::tcp::socket& socket() { return m_socket; }
 
-    // Starts a connected connection: the one-second welcome timer and the byte-wise reads.
+    // Closes the connection once it has received nothing for seconds while no REPEAT runs
+    // (a connection with a REPEAT running is never idle); 0, the default, never. Call before
+    // start.
+    void setIdleTimeout(std::uint32_t seconds);
+    // onEnd is called once, by the destructor, on the thread that lets go of the last
+    // reference (the server's network thread, or the thread that destroys the server). Call
+    // before start.
+    void setOnEnd(std::function<void()> onEnd);
+
+    // Starts a connected connection: the one-second welcome timer, the idle timer if set and
+    // the byte-wise reads.
     void start();
 
     // Hands one received byte to the input handler; the read chain calls it for every byte.
@@ -78,6 +98,10 @@ class TESSEL_API CTelnetConnectionHandler
     void startRead();
     void handleRead(const boost::system::error_code& error, std::size_t bytes);
     void handleWelcomeTimer(const boost::system::error_code& error);
+    void startIdleTimer(std::chrono::steady_clock::duration wait);
+    void handleIdleTimer(const boost::system::error_code& error);
+    // Closes the socket under the connection lock, which a running REPEAT's writes hold.
+    void closeConnection();
     void sendWelcome();
     void sendPrompt();
     void sendHelp();
@@ -103,6 +127,7 @@ class TESSEL_API CTelnetConnectionHandler
     CMonitorElementObserver m_observer;  // guarded by m_connectionLock
 
     std::deque<std::string> m_history;  // network thread only; newest first
+    std::size_t m_historyBytes = 0;     // network thread only; of the lines in m_history
     std::uint64_t m_ullHistoryPosition = 0;
     bool m_bHistoryBrowsing = false;
     const std::string m_emptyString;
@@ -124,4 +149,9 @@ class TESSEL_API CTelnetConnectionHandler
     boost::shared_ptr<boost::asio::deadline_timer> m_welcomeTimer;  // network thread only
     std::string m_serverName;
     std::stringstream m_response;  // guarded by m_connectionLock
+
+    std::chrono::seconds m_idleTimeout{0};                   // 0: none
+    std::chrono::steady_clock::time_point m_lastInput;       // network thread only
+    std::unique_ptr<boost::asio::steady_timer> m_idleTimer;  // network thread only
+    std::function<void()> m_onEnd;
 };
