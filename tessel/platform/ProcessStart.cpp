@@ -14,7 +14,6 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,6 +30,7 @@
 #include "tessel/platform/CrashHandling.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/detail/KernelObject.h"
+#include "tessel/platform/detail/Spawn.h"
 
 extern char** environ;
 
@@ -122,53 +122,6 @@ void reapLater(pid_t pid) {
     } catch (const std::system_error&) {
         // No thread to spare: the process stays a zombie until this one ends.
     }
-}
-
-// Starts the program with the prepared arguments. 0 or an errno value.
-int spawn(pid_t& pid, const char* applicationName, std::vector<char*>& arguments,
-          char* const* environment, const char* currentDirectory, bool newGroup) {
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    int error = ::posix_spawn_file_actions_init(&actions);
-    if (error != 0) {
-        return error;
-    }
-    error = ::posix_spawnattr_init(&attributes);
-    if (error != 0) {
-        ::posix_spawn_file_actions_destroy(&actions);
-        return error;
-    }
-    sigset_t none, all;
-    ::sigemptyset(&none);
-    ::sigfillset(&all);
-    error = ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    if (error == 0 && currentDirectory != nullptr) {
-        error = ::posix_spawn_file_actions_addchdir_np(&actions, currentDirectory);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setsigmask(&attributes, &none);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setsigdefault(&attributes, &all);
-    }
-    if (error == 0 && newGroup) {
-        error = ::posix_spawnattr_setpgroup(&attributes, 0);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setflags(
-            &attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                            (newGroup ? POSIX_SPAWN_SETPGROUP : 0)));
-    }
-    if (error == 0) {
-        error = applicationName != nullptr
-                    ? ::posix_spawn(&pid, applicationName, &actions, &attributes, arguments.data(),
-                                    environment)
-                    : ::posix_spawnp(&pid, arguments[0], &actions, &attributes, arguments.data(),
-                                     environment);
-    }
-    ::posix_spawnattr_destroy(&attributes);
-    ::posix_spawn_file_actions_destroy(&actions);
-    return error;
 }
 
 }  // namespace
@@ -276,9 +229,12 @@ BOOL CreateProcessA(const char* applicationName, char* commandLine,
             }
             variablePointers = pointersTo(variables);
         }
-        error = spawn(pid, applicationName, arguments,
-                      environment != nullptr ? variablePointers.data() : environ, currentDirectory,
-                      (creationFlags & CREATE_NEW_PROCESS_GROUP) != 0);
+        SpawnOptions options;
+        options.program = applicationName;
+        options.currentDirectory = currentDirectory;
+        options.newGroup = (creationFlags & CREATE_NEW_PROCESS_GROUP) != 0;
+        error = Spawn(pid, arguments.data(),
+                      environment != nullptr ? variablePointers.data() : environ, options);
     } catch (const std::bad_alloc&) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return FALSE;

@@ -13,7 +13,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,6 +36,7 @@
 #include "tessel/platform/ErrorText.h"
 #include "tessel/platform/LastError.h"
 #include "tessel/platform/Modems.h"
+#include "tessel/platform/detail/Spawn.h"
 
 extern char** environ;
 
@@ -322,50 +322,10 @@ int SpawnPppd(pid_t& pid, std::vector<std::string>& arguments, int output) {
         pointers.push_back(argument.data());
     }
     pointers.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    int error = ::posix_spawn_file_actions_init(&actions);
-    if (error != 0) {
-        return error;
-    }
-    error = ::posix_spawnattr_init(&attributes);
-    if (error != 0) {
-        ::posix_spawn_file_actions_destroy(&actions);
-        return error;
-    }
-    sigset_t none, all;
-    ::sigemptyset(&none);
-    ::sigfillset(&all);
-    error = ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (error == 0) {
-        error = ::posix_spawn_file_actions_adddup2(&actions, output, 1);
-    }
-    if (error == 0) {
-        error = ::posix_spawn_file_actions_adddup2(&actions, output, 2);
-    }
-    if (error == 0) {
-        error = ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setsigmask(&attributes, &none);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setsigdefault(&attributes, &all);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setpgroup(&attributes, 0);
-    }
-    if (error == 0) {
-        error = ::posix_spawnattr_setflags(
-            &attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF |
-                                            POSIX_SPAWN_SETPGROUP));
-    }
-    if (error == 0) {
-        error = ::posix_spawnp(&pid, pointers[0], &actions, &attributes, pointers.data(), environ);
-    }
-    ::posix_spawnattr_destroy(&attributes);
-    ::posix_spawn_file_actions_destroy(&actions);
-    return error;
+    SpawnOptions options;
+    options.newGroup = true;
+    options.output = output;
+    return Spawn(pid, pointers.data(), environ, options);
 }
 
 // Appends what can be read from fd now to output, keeping its last kOutputKept bytes. false
